@@ -1,0 +1,9 @@
+/// @file
+/// Visibility of what the libraries export. They are built with hidden visibility; a class or a
+/// function marked with this is part of the ABI.
+#ifndef PELMAR_EXPORT_H
+#define PELMAR_EXPORT_H
+
+#define PELMAR_API __attribute__((visibility("default")))
+
+#endif
