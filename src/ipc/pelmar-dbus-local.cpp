@@ -7,9 +7,9 @@
 #include "pelmar-dbus-local.h"
 
 #include <iostream>
-#include <memory>
 #include <utility>
 
+#include "byte-variant.h"
 #include "platform-log.h"
 
 // A log line's format is PELMAR_WHERE and a text; its first arguments are PELMAR_AT(function).
@@ -81,20 +81,6 @@ GVariant* CallBus(GDBusConnection* connection, const char* method, GVariant* par
     return g_dbus_connection_call_sync(connection, BUS_NAME, BUS_PATH, BUS_INTERFACE, method,
                                        parameters, G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE,
                                        -1, nullptr, error);
-}
-
-// Floating "(ay)" over the buffer itself: no byte is copied.
-GVariant* TakeBytes(std::vector<char>&& data)
-{
-    auto owned = std::make_unique<std::vector<char>>(std::move(data));
-    const char* bytes = owned->data();
-    const gsize size = owned->size();
-    const auto free_buffer = [](gpointer buffer) {
-        delete static_cast<std::vector<char>*>(buffer);
-    };
-    GVariant* array = g_variant_new_from_data(G_VARIANT_TYPE_BYTESTRING, bytes, size, TRUE,
-                                              free_buffer, owned.release());
-    return g_variant_new_tuple(&array, 1);
 }
 
 // The record stays where it is: destroying it would release nothing.
@@ -446,7 +432,7 @@ void PelmarDbusLocal::cb_MethodCall(GDBusConnection* connection, const gchar* se
         return;
     std::vector<char> param_bytes = ConvertBytes(parameters);
     std::vector<char> result = pThis->HandleMessage(param_bytes);
-    g_dbus_method_invocation_return_value(invocation, TakeBytes(std::move(result)));
+    g_dbus_method_invocation_return_value(invocation, pelmar_bytes::Take(std::move(result)));
 }
 
 void PelmarDbusLocal::cb_SignalCall(GDBusConnection* connection, const gchar* sender_name,
@@ -473,18 +459,12 @@ void PelmarDbusLocal::cb_SignalCall(GDBusConnection* connection, const gchar* se
 
 std::vector<char> PelmarDbusLocal::ConvertBytes(GVariant* parameters)
 {
-    GVariant* array = g_variant_get_child_value(parameters, 0);
-    gsize size = 0;
-    const auto* bytes =
-        static_cast<const char*>(g_variant_get_fixed_array(array, &size, sizeof(char)));
-    std::vector<char> data(bytes, bytes + size);
-    g_variant_unref(array);
-    return data;
+    return pelmar_bytes::From(parameters);
 }
 
 GVariant* PelmarDbusLocal::ConvertBytes(std::vector<char>& data)
 {
-    return TakeBytes(std::vector<char>(data));
+    return pelmar_bytes::Copy(data);
 }
 
 std::vector<char> PelmarDbusLocal::HandleMessage(std::vector<char>& data)
