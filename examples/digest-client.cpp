@@ -237,10 +237,13 @@ private:
     void HandleRefusal(const GError& error)
     {
         // The daemon tells the caller and the watchers of a name that it is gone; either is first.
-        if (g_error_matches(&error, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY) != FALSE ||
-            g_error_matches(&error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) != FALSE)
+        const bool gone =
+            error.domain == G_DBUS_ERROR &&
+            (error.code == G_DBUS_ERROR_NO_REPLY || error.code == G_DBUS_ERROR_NAME_HAS_NO_OWNER ||
+             error.code == G_DBUS_ERROR_SERVICE_UNKNOWN);
+        if (gone)
             PartnerLost();
-        else if (g_dbus_connection_is_closed(m_bus) == FALSE)
+        else if (g_dbus_connection_is_closed(m_bus) == FALSE)  // else the program ends by that
             m_program.Fail(STATUS_NO_AGREEMENT, "message " + std::to_string(m_messages) +
                                                     " was refused: " + error.message);
     }
