@@ -1,0 +1,35 @@
+# Installing what a script needs, for bash scripts that source this file.
+# shellcheck shell=bash
+
+# What the libraries and the example programs are built with.
+# shellcheck disable=SC2034
+build_packages=(g++ cmake ninja-build pkgconf libglib2.0-dev)
+
+# install_packages NAME...: installs those Debian packages that are missing, and does nothing when
+# none is.
+install_packages()
+{
+    if ! command -v dpkg-query >/dev/null; then
+        echo "This is no Debian or Ubuntu: what corresponds to these packages has to be there: $*" >&2
+        return
+    fi
+    local missing=() package
+    for package in "$@"; do
+        [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) == installed ]] ||
+            missing+=("$package")
+    done
+    ((${#missing[@]})) || return 0
+
+    local as_root=()
+    if ((EUID != 0)); then
+        if ! command -v sudo >/dev/null; then
+            echo "Packages are missing and there is no sudo. As root: apt-get install ${missing[*]}" >&2
+            return 1
+        fi
+        as_root=(sudo)
+    fi
+    echo "Installing ${missing[*]}"
+    "${as_root[@]}" apt-get -qq update
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq install --yes \
+        --no-install-recommends "${missing[@]}" </dev/null >/dev/null
+}

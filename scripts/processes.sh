@@ -1,0 +1,55 @@
+# Background processes and a private bus, for bash scripts that source this file. Everything that is
+# started here ends with the script, however that ends: it sets the traps for EXIT, INT and TERM.
+# shellcheck shell=bash
+
+processes_dir=$(mktemp -d)  # what the processes print, and the bus's socket
+processes_patience=30       # seconds, for what takes a fraction of one
+
+# start NAME COMMAND [ARGUMENT...]: runs it in the background; its standard output goes to
+# $processes_dir/NAME.out, its standard error to $processes_dir/NAME.err, its id to $started.
+start()
+{
+    setpriv --pdeathsig KILL "${@:2}" </dev/null \
+        >"$processes_dir/$1.out" 2>"$processes_dir/$1.err" &
+    started=$!
+}
+
+# await NAME ID TEXT: returns as soon as the process has printed a line with the text; fails when
+# it ends without that.
+await()
+{
+    local prints=("$processes_dir/$1.out" "$processes_dir/$1.err")
+    timeout "$processes_patience" grep -qFe "$3" \
+        < <(exec tail -q -n +1 -s 0.1 -f --pid="$2" "${prints[@]}") && return
+    echo "$1 did not print '$3'. What it printed:" >&2
+    cat "${prints[@]}" >&2
+    return 1
+}
+
+# start_private_bus: starts a bus daemon, which is the system bus for everything started after it.
+# Its id goes to $bus.
+start_private_bus()
+{
+    export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$processes_dir/bus
+    start dbus-daemon dbus-daemon --nofork --nopidfile --print-address=1 \
+        --config-file="$(dirname "${BASH_SOURCE[0]}")/private-bus.conf" \
+        --address="$DBUS_SYSTEM_BUS_ADDRESS"
+    # shellcheck disable=SC2034
+    bus=$started
+    await dbus-daemon "$started" unix:path=
+}
+
+end_processes()
+{
+    local id
+    for id in $(jobs -pr); do
+        kill -TERM "$id" || true
+        kill -CONT "$id" || true  # one that was stopped has to go on to end
+    done 2>/dev/null
+    wait
+    rm -rf "$processes_dir"
+}
+
+trap end_processes EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
