@@ -9,8 +9,11 @@ processes_patience=30       # seconds, for what takes a fraction of one
 # $processes_dir/NAME.out, its standard error to $processes_dir/NAME.err, its id to $started.
 start()
 {
-    setpriv --pdeathsig KILL "${@:2}" </dev/null \
-        >"$processes_dir/$1.out" 2>"$processes_dir/$1.err" &
+    local out=$processes_dir/$1.out err=$processes_dir/$1.err
+    # Made here, so that they are there before the process is.
+    : >"$out"
+    : >"$err"
+    setpriv --pdeathsig KILL "${@:2}" </dev/null >>"$out" 2>>"$err" &
     started=$!
 }
 
@@ -37,6 +40,21 @@ start_private_bus()
     # shellcheck disable=SC2034
     bus=$started
     await dbus-daemon "$started" unix:path=
+}
+
+# start_monitor: shows who acquires and who releases which bus name, in $processes_dir/monitor.out.
+start_monitor()
+{
+    start monitor gdbus monitor --system --dest org.freedesktop.DBus
+    monitor=$started
+    await monitor "$monitor" "is owned by"
+}
+
+# await_pulse NAME: returns when the bus name has been acquired and released, also if it was before;
+# start_monitor has to come first.
+await_pulse()
+{
+    await monitor "$monitor" "NameOwnerChanged ('$1', ':"
 }
 
 end_processes()

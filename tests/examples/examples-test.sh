@@ -30,6 +30,21 @@ start_client()
     client=$started
 }
 
+# Its announcement is over before anybody could see it.
+start_lonely_client()
+{
+    start_monitor
+    start_client "$root/README.md"
+    await_pulse org.vaska.Pelmar.digest_CLIENT_SYN
+}
+
+start_greeter()
+{
+    start_monitor
+    start greeter "$programs/minimal-service"
+    await_pulse org.vaska.Pelmar.greeter_SERVICE_SYN
+}
+
 # A client that is not done before the test is: its file has 100 GiB, all of them a hole.
 start_endless_client()
 {
@@ -100,9 +115,7 @@ ADigestClient.SendsABinaryFileInSeveralMessages()
 
 ADigestClient.FindsAServiceThatStartsLater()
 {
-    export G_MESSAGES_DEBUG=kestrin
-    start_client "$root/README.md"
-    await client "$client" "Become primary owner for name"
+    start_lonely_client
     serve
     expect_end_of client "$client" 0
     expect_text client out "every answer agrees"
@@ -135,7 +148,7 @@ ADigestClient.UsesTheChannelThatIsNamed()
 
 ADigestClient.ReportsAWrongAnswer()
 {
-    start greeter "$programs/minimal-service"
+    start_greeter
     start_client --channel greeter "$root/LICENSE"
     expect_failure client "$client" 1 "message 1: the answer is 'Hello, MIT License"
 }
@@ -232,9 +245,7 @@ ADigestClient.EndsOnSIGTERM()
 
 ADigestClient.EndsOnSIGTERMWhileItWaitsForAPartner()
 {
-    export G_MESSAGES_DEBUG=kestrin
-    start_client "$root/README.md"
-    await client "$client" "Become primary owner for name"
+    start_lonely_client
     kill -TERM "$client"
     expect_end_of client "$client" 143
 }
@@ -310,10 +321,8 @@ TheMinimalService.IsTheReadmesProgram()
 
 TheMinimalService.AnswersWithAGreeting()
 {
-    export G_MESSAGES_DEBUG=kestrin
-    start greeter "$programs/minimal-service"
-    await greeter "$started" "Become primary owner for name"
-    start caller gdbus call --system --dest :1.0 \
+    start_greeter
+    start caller gdbus call --system --dest :1.1 \
         --object-path /org/vaska/pelmar/CommunicationChannel/greeter \
         --method org.vaska.pelmar.DbusCommunication.Send "[byte 0x59, 0x6f, 0x75]"
     expect_end_of caller "$started" 0
