@@ -9,17 +9,9 @@
 #include <iostream>
 #include <utility>
 
+#define PELMAR_LOG_FILE "pelmar-dbus-local.cpp"
 #include "byte-variant.h"
-#include "platform-log.h"
-
-// A log line's format is PELMAR_WHERE and a text; its first arguments are PELMAR_AT(function).
-// Code that several callbacks share passes the callback's name on, so that the line names it.
-#define PELMAR_WHERE "%s: %s(%d) > [%s:%d] "
-#define PELMAR_AT(function) "pelmar-dbus-local.cpp", (function), __LINE__, (function), __LINE__
-#define PELMAR_LOG(priority, ...) \
-    platform_log_print(PLATFORM_LOG_BUFFER_MAIN, (priority), "kestrin", PELMAR_WHERE __VA_ARGS__)
-#define PELMAR_DEBUG(...) PELMAR_LOG(PLATFORM_LOG_DEBUG, __VA_ARGS__)
-#define PELMAR_ERROR(...) PELMAR_LOG(PLATFORM_LOG_ERROR, __VA_ARGS__)
+#include "log-lines.h"
 
 #ifdef PELMAR_ROLE_CLIENT
 inline namespace pelmar_client {

@@ -114,6 +114,9 @@ public:
     bool IsConnectionReady(const std::string& owner);
 
 private:
+    // The endpoint's channel: ends it safely and completes handshakes that a lost pulse left open.
+    friend class PelmarRoleChannel;
+
     enum {
         CONNECTION_NOT_STARTED = 0,
         CONNECTION_HANDSHAKE_SYN = 1,
