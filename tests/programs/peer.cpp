@@ -1,7 +1,7 @@
 // One end of a channel as a process, driven by lines on standard input; it tells what happens by
 // lines on standard output. Payloads are in hexadecimal. It is compiled for each role.
 //
-//   peer CHANNEL [--default-handlers]
+//   peer CHANNEL [--default-handlers] [--wait]
 //
 //   in:  notify HEX | notify-to NAME HEX | send NAME HEX | quit
 //   out: name NAME | ready NAME | lost NAME | message HEX | notification HEX | reply HEX | error
@@ -10,50 +10,22 @@
 #include <glib-unix.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <iostream>
 #include <memory>
-#include <sstream>
 
+#include "peer-lines.h"
 #include "pelmar-dbus-local.h"
 
 namespace {
-
-using Bytes = std::vector<char>;
-
-void Say(const std::string& event, const std::string& value)
-{
-    std::cout << event << ' ' << value << std::endl;
-}
-
-std::string Hex(const Bytes& data)
-{
-    std::string text;
-    char digits[3];
-    for (const char byte : data) {
-        std::snprintf(digits, sizeof(digits), "%02x", static_cast<unsigned>(byte) & 0xffU);
-        text += digits;
-    }
-    return text;
-}
-
-Bytes Unhex(const std::string& text)
-{
-    Bytes data;
-    for (std::size_t i = 0; i + 1 < text.size(); i += 2)
-        data.push_back(static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16)));
-    return data;
-}
 
 class Peer : public PelmarDbusLocal {
 public:
     using PelmarDbusLocal::PelmarDbusLocal;
 
-    // Echoes backwards, so that a reply cannot be mistaken for its request.
     Bytes HandleMessage(Bytes& data) override
     {
         Say("message", Hex(data));
-        return Bytes(data.rbegin(), data.rend());
+        return AnswerTo(data);
     }
     void HandleNotification(Bytes& data) override { Say("notification", Hex(data)); }
     void HandleConnectionReady(bool state, const std::string& partner) override
@@ -97,21 +69,13 @@ struct Program {
 
 void Obey(Program& program, const std::string& line)
 {
-    std::istringstream words(line);
-    std::string command;
-    std::string partner;
-    std::string payload;
-    words >> command;
-    if (command == "notify-to" || command == "send")
-        words >> partner;
-    words >> payload;
-    Bytes data = Unhex(payload);
-    if (command == "notify")
-        program.local->SendNotification(data);
-    else if (command == "notify-to")
-        program.local->SendNotification(data, partner);
-    else if (command == "send")
-        SendTo(program.channel, partner, data);
+    Command command(line);
+    if (command.name == "notify")
+        program.local->SendNotification(command.data);
+    else if (command.name == "notify-to")
+        program.local->SendNotification(command.data, command.partner);
+    else if (command.name == "send")
+        SendTo(program.channel, command.partner, command.data);
     else
         g_main_loop_quit(program.loop);
 }
@@ -134,11 +98,12 @@ gboolean ReadCommand(GIOChannel* input, GIOCondition /*condition*/, gpointer use
 int main(int argc, char** argv)
 {
     if (argc < 2) {
-        std::cerr << "usage: peer CHANNEL [--default-handlers]\n";
+        std::cerr << "usage: peer CHANNEL [--default-handlers] [--wait]\n";
         return 2;
     }
+    WaitForGo(argc, argv);
     Program program{argv[1], nullptr, g_main_loop_new(nullptr, FALSE)};
-    if (argc > 2)
+    if (argc > 2 && std::string(argv[2]) == "--default-handlers")
         program.local = std::make_unique<PelmarDbusLocal>(program.channel);
     else
         program.local = std::make_unique<Peer>(program.channel);

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -119,26 +120,50 @@ std::string ChildProcess::WaitForLine(const std::string& prefix)
     throw std::runtime_error("waited for a line that starts with '" + prefix + "'; came:" + seen);
 }
 
+std::vector<std::string> ChildProcess::ComeLines()
+{
+    while (ReadSome(0)) {
+    }
+    std::vector<std::string> lines;
+    while (std::optional<std::string> line = TakeLine())
+        lines.push_back(std::move(*line));
+    return lines;
+}
+
+std::optional<std::string> ChildProcess::TakeLine()
+{
+    const std::size_t end = m_unread.find('\n');
+    if (end == std::string::npos)
+        return std::nullopt;
+    std::string line = m_unread.substr(0, end);
+    m_unread.erase(0, end + 1);
+    return line;
+}
+
 std::optional<std::string> ChildProcess::ReadLine(std::chrono::steady_clock::time_point deadline)
 {
     for (;;) {
-        const std::size_t end = m_unread.find('\n');
-        if (end != std::string::npos) {
-            std::string line = m_unread.substr(0, end);
-            m_unread.erase(0, end + 1);
+        if (std::optional<std::string> line = TakeLine())
             return line;
-        }
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
-        pollfd ready{m_output, POLLIN, 0};
-        if (left.count() <= 0 || poll(&ready, 1, static_cast<int>(left.count())) <= 0)
+        if (left.count() <= 0 || !ReadSome(static_cast<int>(left.count())))
             return std::nullopt;
-        char buffer[4096];
-        const ssize_t count = read(m_output, buffer, sizeof(buffer));
-        if (count <= 0)
-            return std::nullopt;
-        m_unread.append(buffer, static_cast<std::size_t>(count));
     }
+}
+
+// False when nothing came in time, or nothing will.
+bool ChildProcess::ReadSome(int timeout_ms)
+{
+    pollfd ready{m_output, POLLIN, 0};
+    if (poll(&ready, 1, timeout_ms) <= 0)
+        return false;
+    char buffer[4096];
+    const ssize_t count = read(m_output, buffer, sizeof(buffer));
+    if (count <= 0)
+        return false;
+    m_unread.append(buffer, static_cast<std::size_t>(count));
+    return true;
 }
 
 void ChildProcess::Signal(int signal) const

@@ -36,6 +36,10 @@ public:
     /// over. Throws std::runtime_error, saying what was awaited and what came instead.
     std::string WaitForLine(const std::string& prefix);
 
+    /// The lines that have come, without waiting for more. To wait, poll OutputDescriptor.
+    std::vector<std::string> ComeLines();
+    int OutputDescriptor() const { return m_output; }
+
     void Signal(int signal) const;
 
     /// Waits until the process has ended. Returns its exit status, or minus the signal's number.
@@ -45,7 +49,9 @@ public:
     void Kill();
 
 private:
+    std::optional<std::string> TakeLine();
     std::optional<std::string> ReadLine(std::chrono::steady_clock::time_point deadline);
+    bool ReadSome(int timeout_ms);
 
     pid_t m_pid = -1;
     int m_input = -1;

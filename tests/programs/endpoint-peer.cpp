@@ -1,0 +1,89 @@
+// One end of a channel as a process, like peer.cpp, but an endpoint in either role.
+//
+//   endpoint-peer service|client CHANNEL [--wait]
+//
+//   in:  notify HEX | notify-to NAME HEX | send NAME HEX | partners | stop | quit
+//   out: on | ready NAME | lost NAME | message HEX | notification HEX | reply HEX | error TEXT |
+//        status TEXT | partners NAME... | problem TEXT | bus_lost | bus_back | stopped
+
+#include "peer-lines.h"
+#include "pelmar-endpoint.h"
+
+namespace {
+
+PelmarEndpoint::Handlers SayEverything()
+{
+    PelmarEndpoint::Handlers handlers;
+    handlers.message = [](Bytes& data) {
+        Say("message", Hex(data));
+        return AnswerTo(data);
+    };
+    handlers.notification = [](Bytes& data) { Say("notification", Hex(data)); };
+    handlers.ready = [](const std::string& partner) { Say("ready", partner); };
+    handlers.lost = [](const std::string& partner) { Say("lost", partner); };
+    handlers.bus_lost = [] { Say("bus_lost", ""); };
+    handlers.bus_back = [] { Say("bus_back", ""); };
+    handlers.problem = [](const std::string& text) { Say("problem", text); };
+    return handlers;
+}
+
+void SendTo(PelmarEndpoint& endpoint, const std::string& partner, const Bytes& data)
+{
+    const PelmarEndpoint::Response response =
+        endpoint.Request(data, partner, std::chrono::seconds(10));
+    if (response.status == PelmarEndpoint::Status::ok)
+        Say("reply", Hex(response.data));
+    else
+        Say("error",
+            std::string(PelmarEndpoint::ToString(response.status)) + ": " + response.error);
+}
+
+void SayStatus(PelmarEndpoint::Status status)
+{
+    Say("status", PelmarEndpoint::ToString(status));
+}
+
+void SayPartners(const PelmarEndpoint& endpoint)
+{
+    std::string names;
+    for (const std::string& name : endpoint.Partners())
+        names += name + " ";
+    Say("partners", names);
+}
+
+// False when the program is to end.
+bool Obey(PelmarEndpoint& endpoint, const std::string& line)
+{
+    const Command command(line);
+    if (command.name == "notify")
+        SayStatus(endpoint.Notify(command.data));
+    else if (command.name == "notify-to")
+        SayStatus(endpoint.Notify(command.data, command.partner));
+    else if (command.name == "send")
+        SendTo(endpoint, command.partner, command.data);
+    else if (command.name == "partners")
+        SayPartners(endpoint);
+    else if (command.name == "stop")
+        Say("stopped", endpoint.Stop() ? "yes" : "no");
+    return command.name != "quit";
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 3) {
+        std::cerr << "usage: endpoint-peer service|client CHANNEL [--wait]\n";
+        return 2;
+    }
+    WaitForGo(argc, argv);
+    PelmarEndpoint::Options options;
+    if (std::string(argv[1]) == "client")
+        options.role = PelmarEndpoint::Role::client;
+    PelmarEndpoint endpoint(argv[2], SayEverything(), options);
+    Say("on", "");
+    std::string line;
+    while (std::getline(std::cin, line) && Obey(endpoint, line)) {
+    }
+    return 0;
+}
