@@ -120,7 +120,8 @@ void HandshakeRepair::PeersAck(const std::string& partner, TimePoint now)
 
 void HandshakeRepair::ChannelReady(const std::string& partner, TimePoint now)
 {
-    if (m_role == Role::client && AnyMissing())
+    const bool is_known = !PulseOf(Stage::syn).missing && !PulseOf(Stage::syn_ack).missing;
+    if (m_role == Role::client && !is_known)
         m_unconfirmed[partner] = Waiting{now, now, false};
     else
         m_actions.ReportReady(partner);

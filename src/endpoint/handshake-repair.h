@@ -121,8 +121,8 @@ private:
     // Clients that pulsed ACK although nothing of theirs was seen before.
     WaitingPartners m_unknown;
 
-    // Services that are ready as far as their pulses tell, which are not addressed: an own pulse
-    // was missing, so they may not know of this client yet.
+    // Services that are ready as far as their pulses tell, which are not addressed: the own pulse
+    // by which they learn of this client was missing.
     WaitingPartners m_unconfirmed;
 
     int m_probes = 0;
