@@ -156,6 +156,25 @@ void BusActor::Listen(const std::string& channel)
                                        G_DBUS_SIGNAL_FLAGS_NONE, hear, this, nullptr);
 }
 
+std::shared_ptr<std::vector<std::string>> BusActor::WatchOwner(const std::string& name)
+{
+    using Changes = std::shared_ptr<std::vector<std::string>>;
+    const auto note = [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
+                         GVariant* body, gpointer changes) {
+        const gchar* old_owner = nullptr;
+        const gchar* new_owner = nullptr;
+        g_variant_get(body, "(&s&s&s)", nullptr, &old_owner, &new_owner);
+        (*static_cast<Changes*>(changes))->push_back(std::string(old_owner) + "=>" + new_owner);
+    };
+    auto changes = std::make_shared<std::vector<std::string>>();
+    g_dbus_connection_signal_subscribe(m_connection, DAEMON, DAEMON, "NameOwnerChanged",
+                                       "/org/freedesktop/DBus", name.c_str(),
+                                       G_DBUS_SIGNAL_FLAGS_NONE, note, new Changes(changes),
+                                       [](gpointer held) { delete static_cast<Changes*>(held); });
+    Settle();
+    return changes;
+}
+
 GVariant* BusActor::Body(const Bytes& data)
 {
     return g_variant_new("(@ay)", g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, data.data(),

@@ -64,6 +64,9 @@ public:
     void Listen(const std::string& channel);
     const std::vector<Bytes>& Heard() const { return m_heard; }
 
+    /// The changes of a name's owner from now on, each as "old=>new", dispatched by the main loop.
+    std::shared_ptr<std::vector<std::string>> WatchOwner(const std::string& name);
+
     void Settle() { TestBus::Settle(m_connection); }
 
     /// Closes the connection: the unique name leaves the bus.
