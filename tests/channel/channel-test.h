@@ -95,11 +95,28 @@ protected:
                                                 m_user_data);
     }
 
-    /// Leaves the partner ready, and nothing in the trace.
+    /// Leave the partner ready, and nothing in the trace. An actor pulses and is there to stay; a
+    /// mere name is wired up and found lost when the main loop runs.
     void MakeReady(const std::string& partner)
     {
         Released(SYN_ACK, partner);
         Take();
+    }
+    void MakeReady(BusActor& partner)
+    {
+        partner.Pulse(names::Peer("demo", names::SYN_ACK));
+        IterateUntil([&] { return m_channel.IsConnectionReady(partner.UniqueName()); },
+                     "the partner " + partner.UniqueName());
+        Take();
+    }
+
+    /// Closes the channel's connection, without the end of the process that GIO makes of it.
+    void CloseConnection()
+    {
+        g_dbus_connection_set_exit_on_close(m_channel.m_connection, FALSE);
+        g_dbus_connection_close_sync(m_channel.m_connection, nullptr, nullptr);
+        IterateUntil([&] { return g_dbus_connection_is_closed(m_channel.m_connection) != FALSE; },
+                     "the connection to be closed");
     }
 
     /// Another thread finds the channel's lock taken.

@@ -291,6 +291,7 @@ INSTANTIATE_TEST_SUITE_P(
                     OddName{"Slash", "a/b", true, false}, OddName{"Empty", "", false, true},
                     OddName{"Space", "a b", false, false},
                     OddName{"Umlaut", "\xc3\xa4", false, false},
+                    OddName{"NotUtf8", "\xff", false, false},
                     OddName{"TooLong", std::string(300, 'x'), true, false},
                     OddName{"Percent", "%s%n", false, false}),
     testing::PrintToStringParamName());

@@ -223,14 +223,6 @@ INSTANTIATE_TEST_SUITE_P(Payloads, ASignal, testing::ValuesIn(PAYLOADS),
 
 class ANotification : public InboundTest {
 protected:
-    void MakePartnerReady()
-    {
-        m_partner.Pulse(names::Peer("demo", names::SYN_ACK));
-        IterateUntil([&] { return m_channel.IsConnectionReady(m_partner.UniqueName()); },
-                     "the partner");
-        Take();
-    }
-
     // All that was sent before to the channel, by whomever, has been dispatched.
     std::string TakeAfter(BusActor& sender)
     {
@@ -243,7 +235,7 @@ protected:
 
 TEST_F(ANotification, OfAPartnerIsDeliveredWhateverTheSignalsName)
 {
-    MakePartnerReady();
+    MakeReady(m_partner);
     for (const char* member : {"SendSignal", "AnyOther"}) {
         m_partner.Emit(OwnName(), PATH, member, BusActor::Body(BytesOf("x")));
         EXPECT_EQ(SignalCalled(PATH, names::INTERFACE, member) + "HandleNotification([78])\n",
@@ -253,7 +245,7 @@ TEST_F(ANotification, OfAPartnerIsDeliveredWhateverTheSignalsName)
 
 TEST_F(ANotification, ReachesTheChannelAlsoWhenItIsBroadcast)
 {
-    MakePartnerReady();
+    MakeReady(m_partner);
     m_partner.Emit("", PATH, "SendSignal", BusActor::Body(BytesOf("x")));
     EXPECT_EQ(SignalCalled(PATH, names::INTERFACE, "SendSignal") + "HandleNotification([78])\n",
               TakeAfter(m_partner));
@@ -261,14 +253,14 @@ TEST_F(ANotification, ReachesTheChannelAlsoWhenItIsBroadcast)
 
 TEST_F(ANotification, FromAnotherPathDoesNotReachTheChannel)
 {
-    MakePartnerReady();
+    MakeReady(m_partner);
     m_partner.Emit(OwnName(), PATH + "2", "SendSignal", BusActor::Body(BytesOf("x")));
     EXPECT_EQ("\n", TakeAfter(m_partner));
 }
 
 TEST_F(ANotification, OfAStrangerDoesNotReachTheChannel)
 {
-    MakePartnerReady();
+    MakeReady(m_partner);
     BusActor stranger(m_bus);
     stranger.Emit(OwnName(), PATH, "SendSignal", BusActor::Body(BytesOf("x")));
     EXPECT_EQ("\n", TakeAfter(stranger));
@@ -300,7 +292,7 @@ TEST_F(ANotification, WithoutConnectionOrChannelIsRefused)
 
 TEST_F(ANotification, WithAnotherBodyCostsOneErrorLineAndTheChannelGoesOn)
 {
-    MakePartnerReady();
+    MakeReady(m_partner);
     const std::pair<const char*, GVariant*> bodies[] = {
         {"(s)", g_variant_new("(s)", "text")},
         {"()", g_variant_new("()")},

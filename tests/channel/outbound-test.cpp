@@ -113,14 +113,16 @@ g_error_free(closed)
 
 TEST_F(AnOutboundNotification, OnAClosedConnectionCostsOneErrorLine)
 {
-    MakeReady(PARTNER);
-    g_dbus_connection_set_exit_on_close(m_channel.m_connection, FALSE);
-    g_dbus_connection_close_sync(m_channel.m_connection, nullptr, nullptr);
+    BusActor partner(m_bus);
+    MakeReady(partner);
+    CloseConnection();
+    Take();
+    Trace().Alias(partner.UniqueName(), PARTNER);
     EXPECT_EQ("\n" + Emission("1", "[78]") + R"(false
 log 6 SendNotification "Error while sending signal [%d] %s\n\n" 18, <the message>
 g_error_free(<the message>)
 )",
-              SendTo(PARTNER));
+              SendTo(partner.UniqueName()));
 }
 
 TEST_F(AnOutboundNotification, ThatGioRefusesWithoutAReasonIsSilent)
@@ -145,8 +147,7 @@ TEST_F(AnOutboundNotification, ReachesThePartnerAndNobodyElse)
     BusActor stranger(m_bus);
     partner.Listen("demo");
     stranger.Listen("demo");
-    partner.Pulse(names::Peer("demo", names::SYN_ACK));
-    IterateUntil([&] { return m_channel.IsConnectionReady(partner.UniqueName()); }, "the partner");
+    MakeReady(partner);
     const Bytes data = BytesOf(std::string("\0\xff", 2));
     SendTo(partner.UniqueName(), data);
     IterateUntil([&] { return !partner.Heard().empty(); }, "the notification");

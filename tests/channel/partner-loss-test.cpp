@@ -214,15 +214,12 @@ TEST_F(APartnersLoss, WhoseHandlerThrowsReleasesTheLock)
 TEST_F(APartnersLoss, IsToldByTheBusAndTheRestartedPartnerIsTakenInAgain)
 {
     BusActor partner(m_bus);
-    partner.Pulse(names::Peer("demo", names::SYN_ACK));
-    IterateUntil([&] { return m_channel.IsConnectionReady(partner.UniqueName()); }, "the partner");
+    MakeReady(partner);
     partner.Leave();
     IterateUntil([&] { return m_channel.m_partner.empty(); }, "the partner's loss");
 
     BusActor restarted(m_bus);
-    restarted.Pulse(names::Peer("demo", names::SYN_ACK));
-    IterateUntil([&] { return m_channel.IsConnectionReady(restarted.UniqueName()); },
-                 "the restarted partner");
+    MakeReady(restarted);
 }
 
 TEST_F(APartnersLoss, IsToldOfAPartnerThatWasGoneBeforeItWasWatched)
@@ -237,12 +234,9 @@ TEST_F(APartnersLoss, IsToldOfAPartnerThatWasGoneBeforeItWasWatched)
 TEST_F(APartnersLoss, IsNotReportedWhenTheConnectionIsLost)
 {
     BusActor partner(m_bus);
-    partner.Pulse(names::Peer("demo", names::SYN_ACK));
-    IterateUntil([&] { return m_channel.IsConnectionReady(partner.UniqueName()); }, "the partner");
-    Take();
-    g_dbus_connection_set_exit_on_close(m_channel.m_connection, FALSE);
-    g_dbus_connection_close_sync(m_channel.m_connection, nullptr, nullptr);
+    MakeReady(partner);
     Trace().Alias(partner.UniqueName(), PARTNER);
+    CloseConnection();
     std::string trace = "\n";
     IterateUntil([&] { return (trace += Take().substr(1)).size() > 1; }, "the notification");
     EXPECT_EQ(

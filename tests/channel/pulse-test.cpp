@@ -126,8 +126,7 @@ TEST_F(APulse, OfAnInvalidNameEndsInTwoErrorLinesAndNoSignal)
 
 TEST_F(APulse, OnAClosedConnectionEndsInTwoErrorLines)
 {
-    g_dbus_connection_set_exit_on_close(m_channel.m_connection, FALSE);
-    g_dbus_connection_close_sync(m_channel.m_connection, nullptr, nullptr);
+    CloseConnection();
     EXPECT_EQ(REQUEST + Fill(Fill(TWO_ERROR_LINES, "$code", "18"), "$message", "<the message>"),
               Pulse());
 }
