@@ -219,6 +219,24 @@ TEST_F(AConstruction, EndsWithWhateverComesOfThePulse)
     EXPECT_EQ(PelmarDbusLocal::CONNECTION_HANDSHAKE_SYN, m_channel->m_handshake);
 }
 
+TEST_F(AConstruction, MakesTheChannelListenInTheMainContextOfItsThread)
+{
+    GMainContext* const context = g_main_context_new();
+    g_main_context_push_thread_default(context);
+    Construct();
+    g_main_context_pop_thread_default(context);
+
+    BusActor partner(m_bus);
+    partner.Pulse(names::Peer("demo", names::SYN_ACK));
+    TestBus::Settle(m_channel->m_connection);
+    DispatchPending();
+    EXPECT_TRUE(m_channel->m_partner.empty());
+    while (g_main_context_iteration(context, FALSE) != FALSE) {
+    }
+    EXPECT_TRUE(m_channel->IsConnectionReady(partner.UniqueName()));
+    g_main_context_unref(context);
+}
+
 TEST(AChannelWithoutABus, WritesOneErrorLineAndCanBeDestroyed)
 {
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);

@@ -41,10 +41,10 @@ protected:
     // What the callbacks get from GIO, with a body of the test's own.
     void Signal(GVariant* body, const std::string& path = PATH)
     {
-        g_variant_ref_sink(body);
+        const std::unique_ptr<GVariant, decltype(&g_variant_unref)> held(g_variant_ref_sink(body),
+                                                                         g_variant_unref);
         PelmarDbusLocal::cb_SignalCall(m_channel.m_connection, "partner", path.c_str(), "interface",
                                        "member", body, m_user_data);
-        g_variant_unref(body);
     }
 
     BusActor m_partner{m_bus};
@@ -314,6 +314,13 @@ TEST_F(ANotification, WithAnotherBodyCostsOneErrorLineAndTheChannelGoesOn)
     m_partner.Emit(OwnName(), PATH, "SendSignal", BusActor::Body(BytesOf("x")));
     EXPECT_EQ(SignalCalled(PATH, names::INTERFACE, "SendSignal") + "HandleNotification([78])\n",
               TakeAfter(m_partner));
+}
+
+TEST_F(ANotification, WhoseHandlerThrowsLetsTheExceptionPass)
+{
+    Trace().At("HandleNotification", [] { throw std::runtime_error("thrown by the application"); });
+    EXPECT_THROW(Signal(BusActor::Body({})), std::runtime_error);
+    EXPECT_EQ(SignalCalled() + "HandleNotification([])\n", Take());
 }
 
 TEST_F(ANotification, IsHandledWithoutTheLock)

@@ -1,5 +1,7 @@
 // Notifications, the readiness query and the unsupported SendMessage.
 
+#include <malloc.h>
+
 #include "channel-test.h"
 
 namespace {
@@ -130,6 +132,28 @@ TEST_F(AnOutboundNotification, ThatGioRefusesWithoutAReasonIsSilent)
     MakeReady(PARTNER);
     Trace().FailSilently("g_dbus_connection_emit_signal");
     EXPECT_EQ("\n" + Emission("1", "[78]") + "false\n", SendTo(PARTNER));
+}
+
+std::size_t AllocatedBytes()
+{
+    const struct mallinfo2 heap = mallinfo2();
+    return heap.uordblks + heap.hblkhd;
+}
+
+TEST_F(AnOutboundNotification, ThatGioRefusesIsNotLeaked)
+{
+    constexpr std::size_t size = 16 * 1024;
+    constexpr std::size_t count = 100;
+    MakeReady(PARTNER);
+    const auto refuse = [&] {
+        Trace().FailSilently("g_dbus_connection_emit_signal");
+        SendTo(PARTNER, Bytes(size));
+    };
+    refuse();
+    const std::size_t before = AllocatedBytes();
+    for (std::size_t i = 0; i < count; ++i)
+        refuse();
+    EXPECT_LT(AllocatedBytes(), before + count * size / 2);
 }
 
 TEST_F(AnOutboundNotification, TakesNoLock)
