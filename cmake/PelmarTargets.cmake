@@ -20,6 +20,11 @@ function(pelmar_add_library target export_name)
     POSITION_INDEPENDENT_CODE ON
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON)
+  # One of our shared libraries finds another beside it, wherever the prefix is moved.
+  if(NOT DEFINED CMAKE_INSTALL_RPATH)
+    set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN")
+  endif()
+  target_link_options(${target} PRIVATE LINKER:--as-needed)
   set_property(GLOBAL APPEND PROPERTY PELMAR_INSTALLED_LIBRARIES ${target})
 endfunction()
 
