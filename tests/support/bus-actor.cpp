@@ -23,16 +23,16 @@ std::runtime_error Failure(const std::string& what, GError* error)
 
 }  // namespace
 
-BusActor::BusActor(const TestBus& bus)
+BusActor::BusActor(const std::string& address)
 {
     GError* error = nullptr;
     const auto flags =
         static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-    m_connection = g_dbus_connection_new_for_address_sync(bus.Address().c_str(), flags, nullptr,
-                                                          nullptr, &error);
+    m_connection =
+        g_dbus_connection_new_for_address_sync(address.c_str(), flags, nullptr, nullptr, &error);
     if (m_connection == nullptr)
-        throw Failure("an actor cannot connect to " + bus.Address(), error);
+        throw Failure("an actor cannot connect to " + address, error);
     m_unique_name = g_dbus_connection_get_unique_name(m_connection);
 }
 

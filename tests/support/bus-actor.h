@@ -23,7 +23,8 @@ inline Bytes BytesOf(const std::string& text)
 
 class BusActor {
 public:
-    explicit BusActor(const TestBus& bus);
+    explicit BusActor(const TestBus& bus) : BusActor(bus.Address()) {}
+    explicit BusActor(const std::string& address);
     ~BusActor();
     BusActor(const BusActor&) = delete;
     BusActor& operator=(const BusActor&) = delete;
