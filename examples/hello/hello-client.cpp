@@ -1,0 +1,35 @@
+// The client of docs/using.md: sends its name to the service and prints the answer.
+
+#include <unistd.h>
+
+#include <chrono>
+#include <iostream>
+#include <string>
+
+#include "pelmar-endpoint.h"
+
+int main()
+{
+    PelmarEndpoint::Options options;
+    options.role = PelmarEndpoint::Role::client;
+    PelmarEndpoint endpoint("hello", {}, options);
+
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    const auto partner = endpoint.WaitForPartner(deadline);
+    if (!partner) {
+        std::cerr << "no service on channel hello within a minute" << std::endl;
+        return 1;
+    }
+
+    const std::string name = "client";
+    const PelmarEndpoint::Response response = endpoint.Request(
+        PelmarEndpoint::Bytes(name.begin(), name.end()), *partner, std::chrono::seconds(10));
+    if (response.status != PelmarEndpoint::Status::ok) {
+        std::cerr << PelmarEndpoint::ToString(response.status) << ": " << response.error
+                  << std::endl;
+        return 1;
+    }
+    std::cout << "the service answers: " << std::string(response.data.begin(), response.data.end())
+              << std::endl;
+    pause();
+}
