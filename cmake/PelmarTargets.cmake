@@ -2,6 +2,7 @@
 
 function(pelmar_compile_options target)
   target_compile_features(${target} PUBLIC cxx_std_17)
+  set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wconversion -Wshadow
                          $<$<BOOL:${PELMAR_WARNINGS_AS_ERRORS}>:-Werror>)
 endfunction()
@@ -16,7 +17,6 @@ function(pelmar_add_library target export_name)
     EXPORT_NAME ${export_name}
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}
-    CXX_EXTENSIONS OFF
     POSITION_INDEPENDENT_CODE ON
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON)
