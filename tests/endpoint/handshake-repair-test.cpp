@@ -486,6 +486,13 @@ TEST_F(AServicesRepair, DoesNotTakeTheAckOfAPartnerThatWentBeforeItsOwnShowed)
 
 // ---- When a partner is reported ready ------------------------------------------------------
 
+TEST_F(AClientsRepair, ReportsAServiceReadyWhileItsOwnAckIsOnItsWay)
+{
+    m_repair.Require(Stage::ack, m_now);
+    m_repair.ChannelReady(":1.1", m_now);
+    EXPECT_THAT(m_actions.Taken(), ElementsAre("ready :1.1"));
+}
+
 TEST_P(ARepair, ReportsAPartnerReadyAtOnceWhenNothingIsMissing)
 {
     m_repair.ChannelReady(":1.1", m_now);
@@ -504,16 +511,19 @@ class AClientsRepairWithAPulseMissing : public AClientsRepair {
 protected:
     AClientsRepairWithAPulseMissing()
     {
-        m_repair.Require(Stage::ack, m_now);
+        m_repair.Require(Stage::syn, m_now);
         m_actions.wiring[":1.1"] = Wiring::ready;
         m_repair.ChannelReady(":1.1", m_now);
     }
 
+    // The SYN, and the ACK that has to follow it.
     void ShowMissing()
     {
-        EXPECT_THAT(NextActions(), ElementsAre("pulse ACK"));
-        Show(Stage::ack);
-        m_repair.PulseAnswered(Stage::ack, PulseResult::done, m_now);
+        for (const Stage stage : {Stage::syn, Stage::ack}) {
+            EXPECT_THAT(NextActions(), ElementsAre(std::string("pulse ") + NameOf(stage)));
+            Show(stage);
+            m_repair.PulseAnswered(stage, PulseResult::done, m_now);
+        }
     }
 };
 
@@ -551,7 +561,7 @@ TEST_F(AClientsRepairWithAPulseMissing, AsksAgainWhenAnotherPulseGotLostMeanwhil
 {
     ShowMissing();
     ASSERT_THAT(NextActions(), ElementsAre("probe :1.1"));
-    m_repair.Require(Stage::ack, m_now);
+    m_repair.Require(Stage::syn, m_now);
     m_repair.ProbeAnswered(":1.1", ProbeResult::alive, m_now);
     EXPECT_THAT(m_actions.Taken(), IsEmpty());
     ShowMissing();
