@@ -161,8 +161,9 @@ void BusSession::cb_OwnPulse(GDBusConnection* /*connection*/, const gchar* /*sen
     auto& self = *static_cast<BusSession*>(user_data);
     const gchar* name = nullptr;
     g_variant_get(parameters, "(&s)", &name);
-    self.m_refused_names.clear();
-    self.m_repair.OwnReleased(StageOf(self.m_names.own, name), Clock::now());
+    const Stage stage = StageOf(self.m_names.own, name);
+    self.m_refused_names.erase(stage);
+    self.m_repair.OwnReleased(stage, Clock::now());
     self.RearmRepair();
 }
 
