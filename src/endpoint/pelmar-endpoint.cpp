@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <map>
@@ -44,10 +45,28 @@ constexpr std::chrono::seconds FIRST_CONNECT_PATIENCE{25};
 
 constexpr const char* FAILED = "org.vaska.pelmar.Error.Failed";
 
+std::string Shown(char character)
+{
+    if (g_ascii_isprint(character))
+        return {character};
+    char text[5];
+    std::snprintf(text, sizeof(text), "\\x%02x", static_cast<unsigned>(character) & 0xffU);
+    return text;
+}
+
+// Its letters as they are, also those that no channel name may have.
+std::string Shown(const std::string& name)
+{
+    std::string shown;
+    for (const char character : name)
+        shown += g_ascii_iscntrl(character) ? Shown(character) : std::string(1, character);
+    return shown;
+}
+
 void CheckChannelName(const std::string& name)
 {
     const auto refuse = [&name](const std::string& fault) {
-        throw std::invalid_argument("channel name '" + name + "' " + fault +
+        throw std::invalid_argument("channel name '" + Shown(name) + "' " + fault +
                                     "; use 1 to 222 letters, digits and underscores, the first "
                                     "not a digit");
     };
@@ -59,7 +78,7 @@ void CheckChannelName(const std::string& name)
         refuse("begins with a digit");
     for (const char character : name) {
         if (!g_ascii_isalnum(character) && character != '_')
-            refuse(std::string("contains '") + character + "'");
+            refuse("contains '" + Shown(character) + "'");
     }
 }
 
