@@ -1,6 +1,6 @@
 // One end of a channel as a process, like peer.cpp, but an endpoint in either role.
 //
-//   endpoint-peer service|client CHANNEL [--wait]
+//   endpoint-peer service|client CHANNEL [--wait | --exit-when-bus-dies]
 //
 //   in:  notify HEX | notify-to NAME HEX | send NAME HEX | partners | stop | quit
 //   out: on | ready NAME | lost NAME | message HEX | notification HEX | reply HEX | error TEXT |
@@ -73,13 +73,14 @@ bool Obey(PelmarEndpoint& endpoint, const std::string& line)
 int main(int argc, char** argv)
 {
     if (argc < 3) {
-        std::cerr << "usage: endpoint-peer service|client CHANNEL [--wait]\n";
+        std::cerr << "usage: endpoint-peer service|client CHANNEL [--wait | --exit-when-bus-dies]\n";
         return 2;
     }
     WaitForGo(argc, argv);
     PelmarEndpoint::Options options;
     if (std::string(argv[1]) == "client")
         options.role = PelmarEndpoint::Role::client;
+    options.exit_when_bus_dies = argc > 3 && std::string(argv[3]) == "--exit-when-bus-dies";
     PelmarEndpoint endpoint(argv[2], SayEverything(), options);
     Say("on", "");
     std::string line;
