@@ -40,6 +40,12 @@ void EventLoop::RunUntil(const std::function<bool()>& condition)
         g_main_context_iteration(m_context.get(), TRUE);
 }
 
+void EventLoop::RunWhatIsReady()
+{
+    while (g_main_context_iteration(m_context.get(), FALSE) != FALSE) {
+    }
+}
+
 void LoopTimer::Arm(std::chrono::milliseconds delay, EventLoop::Task task)
 {
     const auto rounded = static_cast<guint>(delay.count() > 0 ? delay.count() : 0);

@@ -29,6 +29,9 @@ public:
     // Dispatches in the loop's thread until the condition holds.
     void RunUntil(const std::function<bool()>& condition);
 
+    // Dispatches in the loop's thread what is on its way, without waiting for more.
+    void RunWhatIsReady();
+
     // Ends the loop after the task that calls this, in the loop's thread. Nothing is dispatched
     // from then on.
     void End() { m_ended = true; }

@@ -469,6 +469,9 @@ void PelmarEndpoint::Impl::Shutdown()
     LeaveBus();
     // The callbacks of requests are still owed.
     m_loop.RunUntil([this] { return m_calls.Pending() == 0; });
+    // Calls that came before the object went get their error, and GIO frees what it held for the
+    // subscriptions.
+    m_loop.RunWhatIsReady();
     m_loop.End();
 }
 
