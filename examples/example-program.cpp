@@ -26,8 +26,8 @@ ExampleProgram::ExampleProgram(int& argc, char**& argv, const char* arguments,
     setlocale(LC_ALL, "");
     m_name.erase(0, m_name.find_last_of('/') + 1);
 
-    g_autofree gchar* channel = g_strdup("digest");
-    own_options.push_back({"channel", 'c', 0, G_OPTION_ARG_STRING, &channel,
+    g_autofree gchar* option = nullptr;
+    own_options.push_back({"channel", 'c', 0, G_OPTION_ARG_STRING, &option,
                            "The channel's name, the same at both ends (default: digest)", "NAME"});
     own_options.push_back({});
 
@@ -37,11 +37,11 @@ ExampleProgram::ExampleProgram(int& argc, char**& argv, const char* arguments,
     g_autoptr(GError) error = nullptr;
     if (g_option_context_parse(context, &argc, &argv, &error) == FALSE)
         Exit(STATUS_USAGE, std::string(error->message) + " (see --help)");
-    if (!IsChannelName(channel))
-        Exit(STATUS_USAGE, std::string("'") + channel +
+    m_channel = option != nullptr ? option : "digest";
+    if (!IsChannelName(m_channel.c_str()))
+        Exit(STATUS_USAGE, "'" + m_channel +
                                "' cannot be a channel's name: use 1 to 200 letters, digits and "
                                "underscores, and no digit at the start");
-    m_channel = channel;
 }
 
 ExampleProgram::~ExampleProgram()
