@@ -59,10 +59,12 @@ await_pulse()
 
 end_processes()
 {
-    local id
-    for id in $(jobs -pr); do
-        kill -TERM "$id" || true
-        kill -CONT "$id" || true  # one that was stopped has to go on to end
+    local ids signal
+    mapfile -t ids <<<"$(jobs -pr)"
+    # One that was stopped has to go on to end. All of them do before the first one ends: a CONT in
+    # the middle of the leak sanitizer's check at a process's end makes that wait for ever.
+    for signal in CONT TERM; do
+        kill -"$signal" "${ids[@]}" || true
     done 2>/dev/null
     wait
     rm -rf "$processes_dir"
