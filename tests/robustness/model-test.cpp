@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <random>
@@ -23,6 +22,7 @@
 #include "names.h"
 #include "partner-model.h"
 #include "pelmar-dbus-local.h"
+#include "setting.h"
 #include "test-bus.h"
 
 namespace {
@@ -495,12 +495,6 @@ private:
     unsigned m_payloads = 0;
     std::ostringstream m_story;
 };
-
-unsigned Setting(const char* name, unsigned otherwise)
-{
-    const char* value = std::getenv(name);
-    return value != nullptr ? static_cast<unsigned>(std::stoul(value)) : otherwise;
-}
 
 void RunSequence(const TestBus& bus, unsigned seed)
 {
