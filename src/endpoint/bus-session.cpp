@@ -67,12 +67,13 @@ HandshakeRepair::ProbeResult ProbeResultOf(const GError* error)
 }  // namespace
 
 BusSession::BusSession(GDBusConnection* connection, const ChannelRole& role,
-                       const std::string& channel, EventLoop& loop, AsyncCalls& calls,
-                       SessionEvents& events)
+                       const std::string& channel, std::size_t intake_bytes, EventLoop& loop,
+                       AsyncCalls& calls, SessionEvents& events)
     : m_connection(NewReference(connection)),
       m_role(role),
       m_channel_name(channel),
       m_names(role.names_of(channel)),
+      m_intake_bytes(intake_bytes),
       m_loop(loop),
       m_calls(calls),
       m_events(events),
@@ -94,6 +95,7 @@ void BusSession::Open()
 {
     WatchPulses();
     WatchMatchRuleLimit();
+    BoundIntake();
     WatchConnection();
     m_repair.Require(Stage::syn, Clock::now());
     m_channel = m_role.open(m_channel_name, *this);
@@ -140,6 +142,20 @@ void BusSession::WatchMatchRuleLimit()
     m_filter =
         g_dbus_connection_add_filter(m_connection.get(), cb_Message, watch.release(),
                                      [](gpointer held) { delete static_cast<LimitWatch*>(held); });
+}
+
+void BusSession::BoundIntake()
+{
+    const auto report = WhileAlive([](BusSession& self) {
+        self.m_events.OnProblem("messages come in faster than the handlers deal with them: over " +
+                                std::to_string(self.m_intake_bytes) +
+                                " bytes they are refused; make the handlers faster or "
+                                "Options::queue_bytes larger, or find out who sends so much");
+    });
+    const std::shared_ptr<GMainContext> context(g_main_context_ref(m_loop.Context()),
+                                                g_main_context_unref);
+    m_intake.emplace(m_connection.get(), m_names.object_path, m_intake_bytes,
+                     [context, report] { PostTo(context.get(), report); });
 }
 
 // The connection's own signal would come in the context of whoever made the connection first.

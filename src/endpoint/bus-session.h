@@ -4,6 +4,7 @@
 #define PELMAR_BUS_SESSION_H
 
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "async-calls.h"
 #include "event-loop.h"
 #include "handshake-repair.h"
+#include "intake.h"
 #include "role-channel.h"
 
 // What a session tells the endpoint, in the loop's thread.
@@ -35,8 +37,9 @@ class BusSession : public std::enable_shared_from_this<BusSession>,
                    private HandshakeRepair::Actions,
                    private ChannelEvents {
 public:
+    // At most `intake_bytes` of messages wait for OnMessage, OnNotification and the answers.
     BusSession(GDBusConnection* connection, const ChannelRole& role, const std::string& channel,
-               EventLoop& loop, AsyncCalls& calls, SessionEvents& events);
+               std::size_t intake_bytes, EventLoop& loop, AsyncCalls& calls, SessionEvents& events);
 
     // Leaves the channel: nothing of it stays on the connection.
     ~BusSession() override;
@@ -67,6 +70,7 @@ private:
 
     void WatchPulses();
     void WatchMatchRuleLimit();
+    void BoundIntake();
     void WatchConnection();
     static void cb_OwnPulse(GDBusConnection* connection, const gchar* sender,
                             const gchar* object_path, const gchar* interface, const gchar* signal,
@@ -96,6 +100,7 @@ private:
     const ChannelRole& m_role;
     const std::string m_channel_name;
     const ChannelNames m_names;
+    const std::size_t m_intake_bytes;
     EventLoop& m_loop;
     AsyncCalls& m_calls;
     SessionEvents& m_events;
@@ -113,6 +118,7 @@ private:
 
     std::vector<guint> m_subscriptions;
     guint m_filter = 0;
+    std::optional<Intake> m_intake;
     SourcePtr m_broken_source;
     std::unique_ptr<RoleChannel> m_channel;
 };

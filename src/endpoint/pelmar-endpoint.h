@@ -116,8 +116,11 @@ public:
     struct Options {
         Role role = Role::service;
 
-        /// How many bytes of notifications may wait until the bus daemon has taken them. Memory
-        /// stays bounded by it when a partner or the daemon stops reading.
+        /// How many bytes of messages and notifications may wait, in each direction. Memory stays
+        /// bounded by it. Outwards, what is over it is queue_full to the caller: a partner or the
+        /// daemon does not read. Inwards, a message is refused with an error (Status::remote_error
+        /// to the one who sent it), a notification is dropped, and `problem` is told: the handlers
+        /// are too slow for what comes in. A message waits until it is answered.
         std::size_t queue_bytes = 64UL * 1024 * 1024;
 
         /// GLib's default for a program that lives by the bus: SIGTERM when the daemon dies.
