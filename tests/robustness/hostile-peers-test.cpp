@@ -4,15 +4,12 @@
 // The bus of these tests lets everybody do everything: what a policy keeps off is not relied on.
 
 #include <gtest/gtest.h>
-#include <malloc.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <future>
 #include <memory>
 #include <mutex>
-#include <set>
+#include <utility>
 
 #include "bus-actor.h"
 #include "main-loop.h"
@@ -92,7 +89,6 @@ class EndpointService {
 public:
     explicit EndpointService(News& news) : m_endpoint(CHANNEL, Handlers(news)) {}
 
-private:
     static PelmarEndpoint::Handlers Handlers(News& news)
     {
         PelmarEndpoint::Handlers handlers;
@@ -103,9 +99,48 @@ private:
         handlers.notification = [&news](Bytes& data) { news.Add("notification " + TextOf(data)); };
         handlers.ready = [&news](const std::string& partner) { news.Add("ready " + partner); };
         handlers.lost = [&news](const std::string& partner) { news.Add("lost " + partner); };
+        handlers.problem = [&news](const std::string& text) { news.Add("problem " + text); };
         return handlers;
     }
 
+private:
+    PelmarEndpoint m_endpoint;
+};
+
+// An endpoint with room for 8 MiB, whose handler stays inside the first message until it is let go.
+class HeldEndpointService {
+public:
+    explicit HeldEndpointService(News& news) : m_endpoint(CHANNEL, Handlers(news), Options()) {}
+    ~HeldEndpointService() { LetGo(); }
+
+    void LetGo()
+    {
+        if (!std::exchange(m_let_go, true))
+            m_gate.set_value();
+    }
+
+private:
+    static PelmarEndpoint::Options Options()
+    {
+        PelmarEndpoint::Options options;
+        options.queue_bytes = 8UL * 1024 * 1024;
+        return options;
+    }
+
+    PelmarEndpoint::Handlers Handlers(News& news)
+    {
+        PelmarEndpoint::Handlers handlers = EndpointService::Handlers(news);
+        handlers.message = [answer = handlers.message, this](Bytes& data) {
+            Bytes reply = answer(data);
+            m_open.wait();
+            return reply;
+        };
+        return handlers;
+    }
+
+    bool m_let_go = false;
+    std::promise<void> m_gate;
+    std::shared_future<void> m_open = m_gate.get_future();
     PelmarEndpoint m_endpoint;
 };
 
@@ -333,6 +368,65 @@ TYPED_TEST(AServiceUnderAttack, GoesOnAfterAFloodOfCallsThatWantNoReply)
     this->FloodWithCalls(20000, 1024);
     this->ExpectWorking();
     EXPECT_EQ(20001, this->m_news.CountOf("message "));
+}
+
+class AHeldEndpointUnderAttack : public AServiceUnderAttack<HeldEndpointService> {
+protected:
+    // Its handler is inside a message from here on.
+    void Hold()
+    {
+        m_held = m_partner.Send(Target(), CHANNEL, BytesOf("hold"));
+        AwaitNews("message hold");
+    }
+
+    // The process has read everything that was sent to it, and the handler goes on.
+    void LetGo()
+    {
+        TestBus::Settle(m_connection);
+        m_service.LetGo();
+        Finish(m_held);
+        ExpectWorking();
+    }
+
+private:
+    std::shared_ptr<BusActor::Call> m_held;
+};
+
+TEST_F(AHeldEndpointUnderAttack, KeepsNoMoreOfAFloodOfCallsThanItHasRoomFor)
+{
+    MakeReady(m_partner);
+    Hold();
+    FloodWithCalls(64, 1024UL * 1024);
+    LetGo();
+    EXPECT_EQ(7, m_news.CountOf("message 1048576 bytes"));
+    EXPECT_EQ(1, m_news.CountOf("problem messages come in faster"));
+}
+
+TEST_F(AHeldEndpointUnderAttack, KeepsNoMoreOfAFloodOfNotificationsThanItHasRoomFor)
+{
+    MakeReady(m_partner);
+    Hold();
+    const std::string megabyte(1024UL * 1024, 'x');
+    for (int i = 0; i < 64; ++i)
+        Notify(m_partner, megabyte);
+    LetGo();
+    EXPECT_EQ(7, m_news.CountOf("notification 1048576 bytes"));
+}
+
+TEST_F(AHeldEndpointUnderAttack, RefusesACallThatItHasNoRoomFor)
+{
+    MakeReady(m_partner);
+    Hold();
+    FloodWithCalls(8, 1024UL * 1024);
+    const auto refused = Finish(m_partner.Send(Target(), CHANNEL, Bytes(1024UL * 1024, 'x')));
+    EXPECT_EQ("org.freedesktop.DBus.Error.LimitsExceeded", refused->error);
+    LetGo();
+}
+
+TEST_F(AHeldEndpointUnderAttack, LetsOneMessageInThatIsLargerThanItsRoom)
+{
+    m_service.LetGo();
+    ExpectReply(m_partner, Bytes(16UL * 1024 * 1024, 'x'));
 }
 
 }  // namespace
