@@ -4,7 +4,8 @@
 //
 //   in:  notify HEX | notify-to NAME HEX | send NAME HEX | partners | stop | quit
 //   out: on | ready NAME | lost NAME | message HEX | notification HEX | reply HEX | error TEXT |
-//        status TEXT | partners NAME... | problem TEXT | bus_lost | bus_back | stopped
+//        status TEXT | partners NAME... | problem TEXT | bus_lost | bus_back | stopped |
+//        stopping
 
 #include "peer-lines.h"
 #include "pelmar-endpoint.h"

@@ -3,6 +3,7 @@
 #ifndef PELMAR_TESTS_PEER_LINES_H
 #define PELMAR_TESTS_PEER_LINES_H
 
+#include <csignal>
 #include <cstdio>
 #include <iostream>
 #include <sstream>
@@ -54,9 +55,15 @@ struct Command {
     Bytes data;
 };
 
-// A message's answer: the message backwards, so that it cannot be mistaken for the message.
+// A message's answer: the message backwards, so that it cannot be mistaken for the message. A
+// message of the four letters "stop" stops the whole process here, inside its handler, until a
+// SIGCONT comes.
 inline Bytes AnswerTo(const Bytes& data)
 {
+    if (std::string(data.begin(), data.end()) == "stop") {
+        Say("stopping", "");
+        raise(SIGSTOP);
+    }
     return Bytes(data.rbegin(), data.rend());
 }
 

@@ -5,7 +5,8 @@
 //
 //   in:  notify HEX | notify-to NAME HEX | send NAME HEX | quit
 //   out: name NAME | ready NAME | lost NAME | message HEX | notification HEX | reply HEX | error
-//   TEXT
+//   TEXT |
+//        stopping
 
 #include <glib-unix.h>
 #include <unistd.h>

@@ -172,6 +172,12 @@ void ChildProcess::Signal(int signal) const
         kill(m_pid, signal);
 }
 
+void ChildProcess::WaitUntilStopped() const
+{
+    siginfo_t info;
+    waitid(P_PID, static_cast<id_t>(m_pid), &info, WSTOPPED | WEXITED | WNOWAIT);
+}
+
 int ChildProcess::WaitForEnd()
 {
     using std::chrono::milliseconds;

@@ -29,6 +29,9 @@ public:
 
     pid_t Pid() const { return m_pid; }
 
+    /// False once its end has been waited for.
+    bool Runs() const { return m_running; }
+
     void WriteLine(const std::string& line);
     void CloseInput();
 
@@ -41,6 +44,10 @@ public:
     int OutputDescriptor() const { return m_output; }
 
     void Signal(int signal) const;
+
+    /// Returns when the process, which has been sent or sends itself a SIGSTOP, has stopped or
+    /// ended.
+    void WaitUntilStopped() const;
 
     /// Waits until the process has ended. Returns its exit status, or minus the signal's number.
     int WaitForEnd();

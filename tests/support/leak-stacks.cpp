@@ -1,5 +1,5 @@
-// Whole stacks for the suppressions of tests/lsan.supp, at the price of slower allocations. Without a
-// sanitizer nothing calls this.
+// Whole stacks for the suppressions of tests/lsan.supp, at the price of slower allocations. Without
+// a sanitizer nothing calls this.
 
 extern "C" const char* __asan_default_options();
 
