@@ -5,6 +5,12 @@
 # shellcheck disable=SC2034
 build_packages=(g++ cmake ninja-build pkgconf libglib2.0-dev)
 
+# What the MQTT bridge is built with, and what it is tried out and tested with.
+# shellcheck disable=SC2034
+bridge_packages=(libmosquitto-dev libcli11-dev)
+# shellcheck disable=SC2034
+bridge_test_packages=(mosquitto mosquitto-clients openssl iproute2)
+
 # install_packages NAME...: installs those Debian packages that are missing, and does nothing when
 # none is.
 install_packages()

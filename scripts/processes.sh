@@ -33,13 +33,36 @@ await()
 # Its id goes to $bus.
 start_private_bus()
 {
-    export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$processes_dir/bus
-    start dbus-daemon dbus-daemon --nofork --nopidfile --print-address=1 \
+    start_bus dbus-daemon
+}
+
+# start_bus NAME: the same, for a script that starts several.
+start_bus()
+{
+    export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$processes_dir/$1.bus
+    start "$1" dbus-daemon --nofork --nopidfile --print-address=1 \
         --config-file="$(dirname "${BASH_SOURCE[0]}")/private-bus.conf" \
         --address="$DBUS_SYSTEM_BUS_ADDRESS"
     # shellcheck disable=SC2034
     bus=$started
-    await dbus-daemon "$started" unix:path=
+    await "$1" "$started" unix:path=
+}
+
+# start_broker: starts an MQTT broker on loopback. Its id goes to $broker, its port to $broker_port.
+start_broker()
+{
+    for ((broker_port = 20000 + RANDOM; ; ++broker_port)); do
+        printf 'listener %s 127.0.0.1\nallow_anonymous true\nuser %s\n' "$broker_port" "$(id -un)" \
+            >"$processes_dir/broker.conf"
+        start broker "$(PATH=$PATH:/usr/sbin command -v mosquitto)" -c "$processes_dir/broker.conf"
+        broker=$started
+        timeout "$processes_patience" grep -qE 'running$|Error' \
+            < <(exec tail -q -n +1 -s 0.1 -f --pid="$broker" "$processes_dir"/broker.{out,err})
+        grep -q 'running$' "$processes_dir/broker.err" && return
+        grep -q 'Address already in use' "$processes_dir/broker.err" || break
+    done
+    cat "$processes_dir/broker.err" >&2
+    return 1
 }
 
 # start_monitor: shows who acquires and who releases which bus name, in $processes_dir/monitor.out.
