@@ -4,8 +4,8 @@
 
 #include <chrono>
 
+#include "across-machines.h"
 #include "bus-actor.h"
-#include "machines.h"
 #include "main-loop.h"
 
 namespace {
@@ -23,34 +23,7 @@ std::string DigestOf(const Bytes& data)
     return digest;
 }
 
-class AChannelAcrossMachines : public testing::Test {
-protected:
-    AChannelAcrossMachines() { HaveOwnNetwork(); }
-
-    Bridge Attach(const TestBus& bus, std::vector<std::string> options = {})
-    {
-        options.insert(options.begin(), {"--attach", "demo"});
-        return Bridge(bus, m_broker, options);
-    }
-    Bridge Offer(const TestBus& bus, std::vector<std::string> options = {})
-    {
-        options.insert(options.begin(), {"--offer", "demo"});
-        return Bridge(bus, m_broker, options);
-    }
-
-    // Ready at both ends: the bridge has seen the client's last pulse when it answers its call.
-    static std::string WaitUntilWhole(Peer& client)
-    {
-        const std::string bridge = client.WaitUntilReady();
-        client.WriteLine("send " + bridge + " 0102");
-        EXPECT_EQ("0201", client.WaitForLine("reply "));
-        return bridge;
-    }
-
-    TestBus m_bus_a;
-    TestBus m_bus_b;
-    Broker m_broker;
-};
+using AChannelAcrossMachines = AcrossMachines;
 
 TEST_F(AChannelAcrossMachines, CarriesAFileOfTenMebibytesToTheDigestServiceAndItsAnswersBack)
 {
@@ -304,8 +277,9 @@ TEST_F(AKilledPart, FailsTheCallThatItWasToAnswer)
     while (m_attached->Counters().find("1 requests") != 0) {
     }
     m_service->Kill();
-    const std::string error = m_client->WaitForLine("error ");
-    EXPECT_EQ(0U, error.find("the partner answered with an error")) << error;
+    const auto start = steady_clock::now();
+    m_client->WaitForLine("error ");
+    EXPECT_LT(steady_clock::now() - start, seconds(2));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -50,7 +51,9 @@ std::vector<std::string> BridgeCommand(const Broker& broker,
 {
     std::vector<std::string> command = launcher;
     command.push_back(PELMAR_MQTT_BRIDGE);
-    command.insert(command.end(), {"--host", broker.Address(), "--port", broker.Port()});
+    if (std::find(options.begin(), options.end(), "--host") == options.end())
+        command.insert(command.end(), {"--host", broker.Address()});
+    command.insert(command.end(), {"--port", broker.Port()});
     command.insert(command.end(), options.begin(), options.end());
     return command;
 }
@@ -63,7 +66,7 @@ bool HaveOwnNetwork()
     return own;
 }
 
-void Run(const std::vector<std::string>& argv)
+void RunToEnd(const std::vector<std::string>& argv)
 {
     ChildProcess process(argv);
     process.CloseInput();
@@ -140,14 +143,16 @@ void Broker::Publish(const std::string& topic, const std::string& payload,
             command.push_back(property.substr(start, end - start));
         }
     }
-    Run(command);
+    RunToEnd(command);
 }
 
 std::unique_ptr<ChildProcess> Broker::Listen(const std::string& filter) const
 {
-    return std::make_unique<ChildProcess>(std::vector<std::string>{"stdbuf", "-oL", "mosquitto_sub",
-                                                                   "-V", "5", "-h", m_address, "-p",
-                                                                   Port(), "-t", filter, "-v"});
+    auto listener = std::make_unique<ChildProcess>(
+        std::vector<std::string>{"stdbuf", "-oL", "mosquitto_sub", "-V", "5", "-h", m_address, "-p",
+                                 Port(), "-t", filter, "-v", "-d"});
+    listener->WaitForLine("Subscribed ");
+    return listener;
 }
 
 Program::Program(const TestBus& bus, const std::vector<std::string>& argv)
@@ -170,5 +175,4 @@ std::string Bridge::Counters()
 Peer::Peer(const TestBus& bus, const std::string& role, const std::string& channel)
     : Program(bus, {PELMAR_ENDPOINT_PEER, role, channel})
 {
-    WaitForLine("on ");
 }

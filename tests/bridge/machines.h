@@ -15,7 +15,7 @@
 bool HaveOwnNetwork();
 
 /// Runs a command to its end; throws std::runtime_error when it fails.
-void Run(const std::vector<std::string>& argv);
+void RunToEnd(const std::vector<std::string>& argv);
 
 /// A folder that goes with its owner.
 class TemporaryFolder {
@@ -36,7 +36,8 @@ private:
 
 class Broker {
 public:
-    /// `settings` are lines for Mosquitto's configuration, besides the listener and its port.
+    /// `settings` are lines for Mosquitto's configuration, besides the listener and its port. In a
+    /// network of this process's own, where that is allowed.
     explicit Broker(const std::string& settings = "allow_anonymous true\n",
                     const std::string& address = "127.0.0.1");
 
@@ -53,7 +54,7 @@ public:
     void Publish(const std::string& topic, const std::string& payload,
                  const std::vector<std::string>& properties) const;
 
-    /// Prints "TOPIC PAYLOAD" for each message that matches.
+    /// Prints "TOPIC PAYLOAD" for each message that matches, among other lines. Has subscribed.
     std::unique_ptr<ChildProcess> Listen(const std::string& filter) const;
 
 private:
@@ -75,10 +76,11 @@ public:
 /// The bridge.
 class Bridge : public Program {
 public:
+    /// With a --host among the options, that is the broker's address to the bridge.
     Bridge(const TestBus& bus, const Broker& broker, const std::vector<std::string>& options,
            const std::vector<std::string>& launcher = {});
 
-    /// Its next line that ends like this, whatever channel it names.
+    /// A line of its channel "demo" that begins like this.
     void WaitFor(const std::string& text) { WaitForLine("pelmar-mqtt-bridge[demo]: " + text); }
 
     /// The counters, asked for now.

@@ -77,8 +77,7 @@ void AttachSide::OnServiceReady(const std::string& service)
         report::Error("there are " + std::to_string(m_services.size()) +
                       " services on this bus; calls go to " + m_services.front() +
                       " while it is there, notifications to and from all");
-    std::string error;
-    m_bus = AskBusId(error).value_or("");
+    m_bus.clear();  // it may be another one than before
     Decide();
 }
 
@@ -188,6 +187,10 @@ void AttachSide::Decide()
 {
     if (!HasSession())
         return;
+    if (m_bus.empty() && !m_services.empty()) {
+        std::string error;
+        m_bus = AskBusId(error).value_or("");
+    }
     const bool possible = m_knows_others && !m_services.empty() && !m_bus.empty();
     const std::string obstacle = possible ? Obstacle() : "";
     if (possible && obstacle.empty() && !IsAnnounced()) {

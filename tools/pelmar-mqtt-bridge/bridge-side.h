@@ -62,6 +62,7 @@ protected:
     const std::string& Session() const { return m_session; }
     SessionNumber CurrentSession() const { return m_session_number; }
     bool HasSession() const { return m_has_session; }
+    bool IsStopping() const { return m_stopping; }
 
     // The bridge's own state at the broker.
     void Announce(const std::string& bus);

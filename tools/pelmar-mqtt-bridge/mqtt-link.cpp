@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::chrono::milliseconds TICK{1000};
 constexpr std::chrono::seconds CONNECT_PATIENCE{10};
+constexpr int MOST_PACKETS = 64;
 constexpr int FIRST_FAILURE_REASON = 0x80;
 
 // The library owns what it hands out until it is freed; a list of properties likewise.
@@ -94,6 +95,14 @@ void AcknowledgeNow(int socket)
     setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof(on));
 }
 
+// The broker waits for 1.5 times what it is told, and Mosquitto looks only every 5 seconds; the
+// library waits for twice as much. With this neither takes more than 1.5 keep-alives.
+int PingInterval(std::chrono::seconds keep_alive)
+{
+    const auto seconds = static_cast<int>(keep_alive.count());
+    return std::min(seconds * 3 / 4, seconds - 4);
+}
+
 std::string TextOfLibraryError(int error)
 {
     return error == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(error);
@@ -156,13 +165,10 @@ bool MqttLink::SetTls()
     return error == MOSQ_ERR_SUCCESS;
 }
 
-// The broker waits for 1.5 times what it is told, the library for twice as much: with three
-// quarters neither takes more than 1.5 keep-alives.
 void MqttLink::Connect()
 {
-    const int keep_alive = static_cast<int>(m_options.keep_alive.count() * 3 / 4);
-    const int error =
-        mosquitto_connect_async(m_handle.get(), m_options.host.c_str(), m_options.port, keep_alive);
+    const int error = mosquitto_connect_async(m_handle.get(), m_options.host.c_str(),
+                                              m_options.port, PingInterval(m_options.keep_alive));
     if (error != MOSQ_ERR_SUCCESS) {
         FailWith(error);
         return;
@@ -179,12 +185,28 @@ gboolean MqttLink::cb_Ready(gint /*descriptor*/, GIOCondition /*condition*/, gpo
     return G_SOURCE_CONTINUE;
 }
 
+// With TLS a part of what has come may wait in the library where the socket does not show it, so
+// everything has to be read each time.
 void MqttLink::Pump()
 {
-    const int error = mosquitto_loop(m_handle.get(), 0, 1);
+    mosquitto* handle = m_handle.get();
+    int error = MOSQ_ERR_SUCCESS;
+    bool drained = false;
+    for (int packets = 0; !drained && packets < MOST_PACKETS && error == MOSQ_ERR_SUCCESS;
+         ++packets) {
+        errno = 0;
+        error = mosquitto_loop_read(handle, 1);
+        drained = errno == EAGAIN;
+    }
+    if (error == MOSQ_ERR_SUCCESS && mosquitto_want_write(handle))
+        error = mosquitto_loop_write(handle, 1);
+    if (error == MOSQ_ERR_SUCCESS)
+        error = mosquitto_loop_misc(handle);
     if (error != MOSQ_ERR_SUCCESS)
         FailWith(error);
-    AcknowledgeNow(mosquitto_socket(m_handle.get()));
+    else if (!drained)
+        Post([this] { Pump(); });
+    AcknowledgeNow(mosquitto_socket(handle));
     Watch();
 }
 

@@ -28,7 +28,7 @@ std::vector<std::string> OfferSide::Subscriptions(const std::string& session) co
 void OfferSide::OnSessionEnd()
 {
     m_services.Clear();
-    Leave("the connection to the broker is lost");
+    Leave(IsStopping() ? "the bridge ends" : "the connection to the broker is lost");
 }
 
 void OfferSide::OnMessage(const std::vector<std::string>& levels, MqttMessage& message)

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <fstream>
+#include <iostream>
 
 #include "exit-status.h"
 #include "pelmar-endpoint.h"
@@ -204,7 +205,7 @@ void AddBrokerOptions(CLI::App& app, Options& options, Given& given)
         ->capture_default_str()
         ->group(group);
     app.add_option("--keep-alive", given.keep_alive, "A dead link is noticed within 1.5 times this")
-        ->check(CLI::Range(7, 3600))
+        ->check(CLI::Range(9, 3600))
         ->capture_default_str()
         ->type_name("SECONDS")
         ->group(group);
@@ -232,6 +233,14 @@ void AddBrokerOptions(CLI::App& app, Options& options, Given& given)
         ->group(group);
 }
 
+// The library's own text ends with the name and says nothing of the file.
+std::string UnknownInFile(const CLI::App& app, const std::string& text)
+{
+    const std::string option = text.substr(text.find_last_of(' ') + 1);
+    return app.get_config_ptr()->as<std::string>() + ": there is no option '" + option +
+           "'\nRun with --help for more information.\n";
+}
+
 }  // namespace
 
 std::optional<Options> ParseOptions(int argc, char** argv, int& exit_status)
@@ -250,6 +259,10 @@ std::optional<Options> ParseOptions(int argc, char** argv, int& exit_status)
     app.final_callback([&] { Complete(options, given); });
     try {
         app.parse(argc, argv);
+    } catch (const CLI::ConfigError& error) {
+        std::cerr << UnknownInFile(app, error.what());
+        exit_status = STATUS_USAGE;
+        return std::nullopt;
     } catch (const CLI::ParseError& error) {
         exit_status = app.exit(error) == 0 ? STATUS_OK : STATUS_USAGE;
         return std::nullopt;
