@@ -9,7 +9,7 @@ build_packages=(g++ cmake ninja-build pkgconf libglib2.0-dev)
 # shellcheck disable=SC2034
 bridge_packages=(libmosquitto-dev libcli11-dev)
 # shellcheck disable=SC2034
-bridge_test_packages=(mosquitto mosquitto-clients openssl iproute2)
+bridge_test_packages=(mosquitto mosquitto-clients openssl iproute2 mandoc)
 
 # install_packages NAME...: installs those Debian packages that are missing, and does nothing when
 # none is.

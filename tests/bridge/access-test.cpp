@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <regex>
+
 #include "across-machines.h"
 
 namespace {
@@ -95,23 +98,26 @@ protected:
         return folder;
     }
 
-    // Machine a has the service, machine b the clients, as docs/across-machines.md has it.
+    // The set-up that docs/across-machines.md describes, for the channel of the tests.
+    static std::string AccessOfTheDocument()
+    {
+        std::ifstream document(PELMAR_ACROSS_MACHINES);
+        std::string access;
+        bool inside = false;
+        for (std::string line; std::getline(document, line);) {
+            inside = line != "```" && (inside || line == "user machine-a");
+            if (inside)
+                access += std::regex_replace(line, std::regex("/digest/"), "/demo/") + "\n";
+        }
+        return access;
+    }
+
     static std::string Settings()
     {
         const std::string users = Folder().File("users");
-        RunToEnd({PELMAR_MOSQUITTO_PASSWD, "-c", "-b", users, "a", "secret a"});
-        RunToEnd({PELMAR_MOSQUITTO_PASSWD, "-b", users, "b", "secret b"});
-        RunToEnd({PELMAR_MOSQUITTO_PASSWD, "-b", users, "stranger", "secret c"});
-        const std::string access =
-            Folder().Write("access",
-                           "user a\n"
-                           "topic readwrite pelmar/demo/service/+\ntopic read pelmar/demo/offer/+\n"
-                           "topic read pelmar/demo/up/#\ntopic write pelmar/demo/reply/#\n"
-                           "topic write pelmar/demo/down/+\n"
-                           "user b\n"
-                           "topic read pelmar/demo/service/+\ntopic write pelmar/demo/offer/+\n"
-                           "topic write pelmar/demo/up/#\ntopic read pelmar/demo/reply/#\n"
-                           "topic read pelmar/demo/down/+\n");
+        RunToEnd({PELMAR_MOSQUITTO_PASSWD, "-c", "-b", users, "machine-a", "secret a"});
+        RunToEnd({PELMAR_MOSQUITTO_PASSWD, "-b", users, "machine-b", "secret b"});
+        const std::string access = Folder().Write("access", AccessOfTheDocument());
         return "allow_anonymous false\npassword_file " + users + "\nacl_file " + access + "\n";
     }
 
@@ -124,15 +130,15 @@ protected:
 TEST_F(ABrokerWithUsers, LetsInWhoKnowsThePassword)
 {
     Peer service(m_bus_a, "service");
-    const Bridge attached = Attach(m_bus_a, Login("a", "secret a\n"));
-    const Bridge offering = Offer(m_bus_b, Login("b", "secret b\n"));
+    const Bridge attached = Attach(m_bus_a, Login("machine-a", "secret a\n"));
+    const Bridge offering = Offer(m_bus_b, Login("machine-b", "secret b\n"));
     Peer client(m_bus_b, "client");
     WaitUntilWhole(client);
 }
 
 TEST_F(ABrokerWithUsers, EndsABridgeWithTheWrongPassword)
 {
-    Bridge bridge = Offer(m_bus_b, Login("b", "wrong\n"));
+    Bridge bridge = Offer(m_bus_b, Login("machine-b", "wrong\n"));
     bridge.WaitFor("no connection to the broker 127.0.0.1 port " + m_broker.Port() +
                    ": the broker refused the connection: ");
     EXPECT_EQ(5, bridge.WaitForEnd());
@@ -148,8 +154,8 @@ TEST_F(ABrokerWithUsers, EndsABridgeThatDoesNotLogIn)
 TEST_F(ABrokerWithUsers, LeavesABridgeWithoutRightsToSayThatItIsNotAnswered)
 {
     Peer service(m_bus_a, "service");
-    const Bridge attached = Attach(m_bus_a, Login("a", "secret a\n"));
-    Bridge offering = Offer(m_bus_b, Login("a", "secret a\n"));
+    const Bridge attached = Attach(m_bus_a, Login("machine-a", "secret a\n"));
+    Bridge offering = Offer(m_bus_b, Login("machine-a", "secret a\n"));
     offering.WaitFor("the broker refused a message: ");
 }
 
