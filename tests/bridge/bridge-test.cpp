@@ -274,8 +274,7 @@ TEST_F(AKilledPart, FailsTheCallThatItWasToAnswer)
     m_service->Signal(SIGSTOP);
     m_client->WriteLine("partners");
     m_client->WriteLine("send " + m_client->WaitForLine("partners ") + "01");
-    while (m_attached->Counters().find("1 requests") != 0) {
-    }
+    m_attached->WaitForCounters("1 requests");
     m_service->Kill();
     const auto start = steady_clock::now();
     m_client->WaitForLine("error ");

@@ -13,6 +13,7 @@ protected:
 
     AnAttachedBridge()
     {
+        m_attached.WaitFor("the service is carried");
         m_session = m_states->WaitForLine("pelmar/demo/service/").substr(0, 16);
         PublishUp("greeting", 1, "");
         m_replies->WaitForLine("pelmar/demo/reply/" + m_session + "/tester");
@@ -45,10 +46,12 @@ TEST_F(AnAttachedBridge, HasACallExecutedOnceHoweverOftenItComes)
     PublishRequest(2, "a");
     PublishRequest(3, "b");
     PublishRequest(2, "a");
+    PublishRequest(4, "c");
     EXPECT_EQ("61", m_service.WaitForLine("message "));
     EXPECT_EQ("62", m_service.WaitForLine("message "));
-    EXPECT_EQ("2 requests, 2 answers, 0 notifications; refused 0, expired 0, duplicates 2, lost 0",
-              m_attached.Counters());
+    EXPECT_EQ("63", m_service.WaitForLine("message "));
+    m_attached.WaitForCounters(
+        "3 requests, 3 answers, 0 notifications; refused 0, expired 0, duplicates 2, lost 0");
 }
 
 TEST_F(AnAttachedBridge, LeavesOutWhatComesAfterSomethingThatWasSentLater)
@@ -60,8 +63,8 @@ TEST_F(AnAttachedBridge, LeavesOutWhatComesAfterSomethingThatWasSentLater)
     EXPECT_EQ("61", m_service.WaitForLine("notification "));
     EXPECT_EQ("63", m_service.WaitForLine("notification "));
     EXPECT_EQ("64", m_service.WaitForLine("notification "));
-    EXPECT_EQ("0 requests, 0 answers, 3 notifications; refused 0, expired 0, duplicates 1, lost 1",
-              m_attached.Counters());
+    m_attached.WaitForCounters(
+        "0 requests, 0 answers, 3 notifications; refused 0, expired 0, duplicates 1, lost 1");
 }
 
 TEST_F(AnAttachedBridge, DoesNotExecuteACallWhoseTimeIsOver)
@@ -69,8 +72,8 @@ TEST_F(AnAttachedBridge, DoesNotExecuteACallWhoseTimeIsOver)
     PublishRequest(2, "a", "user-property deadline 1");
     PublishRequest(3, "b");
     EXPECT_EQ("62", m_service.WaitForLine("message "));
-    EXPECT_EQ("1 requests, 1 answers, 0 notifications; refused 0, expired 1, duplicates 0, lost 0",
-              m_attached.Counters());
+    m_attached.WaitForCounters(
+        "1 requests, 1 answers, 0 notifications; refused 0, expired 1, duplicates 0, lost 0");
 }
 
 TEST_F(AnAttachedBridge, TakesNothingFromABridgeThatHasNotGreetedIt)
@@ -89,8 +92,8 @@ TEST_F(AnAttachedBridge, ExecutesNothingAgainAfterARestart)
     restarted.WaitFor("the service is carried");
     PublishRequest(2, "a");
     PublishRequest(3, "b");
-    EXPECT_EQ("0 requests, 0 answers, 0 notifications; refused 0, expired 0, duplicates 0, lost 0",
-              restarted.Counters());
+    restarted.WaitForCounters(
+        "0 requests, 0 answers, 0 notifications; refused 0, expired 0, duplicates 0, lost 0");
 }
 
 TEST_F(AnAttachedBridge, WaitsWhileAnotherOneCarriesAServiceAndThenTakesOver)
@@ -124,6 +127,33 @@ TEST_F(AnAttachedBridge, IsRefusedWhereABridgeOffersTheChannel)
     second.WaitFor("refused: a bridge of this broker offers the channel on this very bus");
 }
 
+class AStateThatNobodyRepeats : public AcrossMachines {
+protected:
+    // As a broker has it that was killed, and kept what was retained by a bridge that is gone.
+    AStateThatNobodyRepeats()
+    {
+        m_broker.Publish("pelmar/demo/service/0000000000000000", "another-bus",
+                         {"message-expiry-interval 2"}, {"-r"});
+    }
+
+    Peer m_service{m_bus_a, "service"};
+};
+
+TEST_F(AStateThatNobodyRepeats, HoldsUpAnAttachedBridgeOnlyUntilItExpires)
+{
+    Bridge attached = Attach(m_bus_a);
+    attached.WaitFor("another bridge carries a service of this channel already");
+    attached.WaitFor("the service is carried");
+}
+
+TEST_F(AStateThatNobodyRepeats, IsNotTakenForTheService)
+{
+    const Bridge offering = Offer(m_bus_b);
+    const Bridge attached = Attach(m_bus_a);
+    Peer client(m_bus_b, "client");
+    WaitUntilWhole(client);
+}
+
 class AnOfferingBridge : public AcrossMachines {
 protected:
     AnOfferingBridge() { WaitUntilWhole(m_client); }
@@ -131,7 +161,8 @@ protected:
     Peer m_service{m_bus_a, "service"};
     std::unique_ptr<ChildProcess> m_states = m_broker.Listen("pelmar/demo/service/+");
     Bridge m_attached = Attach(m_bus_a, {"--request-timeout", "1"});
-    Bridge m_offering = Offer(m_bus_b, {"--request-timeout", "1", "--max-message", "1000"});
+    Bridge m_offering =
+        Offer(m_bus_b, {"--request-timeout", "1", "--max-message", "1000", "--queue", "4000"});
     Peer m_client{m_bus_b, "client"};
 };
 
@@ -145,10 +176,7 @@ TEST_F(AnOfferingBridge, LeavesOutANotificationThatComesTwiceOrTooLate)
     }
     EXPECT_EQ("35", m_client.WaitForLine("notification "));
     EXPECT_EQ("36", m_client.WaitForLine("notification "));
-    const std::string counters = m_offering.Counters();
-    EXPECT_NE(std::string::npos, counters.find("2 notifications; refused 0, expired 0, "
-                                               "duplicates 2, lost 4"))
-        << counters;
+    m_offering.WaitForCounters("2 notifications; refused 0, expired 0, duplicates 2, lost 4");
 }
 
 TEST_F(AnOfferingBridge, FailsACallThatIsNotAnsweredInTime)
@@ -175,8 +203,7 @@ TEST_F(AnOfferingBridge, HasNoCallExecutedThatItsCallerHasGivenUp)
     m_client.WaitForLine("reply ");
     EXPECT_EQ("0102", m_service.WaitForLine("message "));
     EXPECT_EQ("0203", m_service.WaitForLine("message "));
-    const std::string counters = m_attached.Counters();
-    EXPECT_NE(std::string::npos, counters.find("expired 1")) << counters;
+    m_attached.WaitForCounters("expired 1");
 }
 
 TEST_F(AnOfferingBridge, RefusesWhatIsTooLargeAndSaysHowLargeItMayBe)
@@ -193,6 +220,20 @@ TEST_F(AnOfferingBridge, RefusesWhatIsTooLargeAndSaysHowLargeItMayBe)
         "the message is too large for the bridge: 1002 bytes, it carries up to 1000");
     m_client.WriteLine("send " + partner + std::string(2000, '0'));
     EXPECT_EQ(std::string(2000, '0'), m_client.WaitForLine("reply "));
+}
+
+// What the stopped broker does not take fills the queue.
+TEST_F(AnOfferingBridge, RefusesWhatItsQueueHasNoRoomFor)
+{
+    m_client.WriteLine("partners");
+    const std::string partner = m_client.WaitForLine("partners ");
+    m_broker.Process().Signal(SIGSTOP);
+    for (int i = 0; i < 5; ++i)
+        m_client.WriteLine("notify " + std::string(1000, '0'));
+    m_offering.WaitFor("a notification found the bridge's queue full");
+    m_client.WriteLine("send " + partner + std::string(1000, '0'));
+    EXPECT_EQ("the partner answered with an error: the bridge's queue is full",
+              m_client.WaitForLine("error "));
 }
 
 TEST_F(AnOfferingBridge, ShowsItsCountersWhenItEnds)

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -131,11 +132,13 @@ void Broker::StartOnce()
 }
 
 void Broker::Publish(const std::string& topic, const std::string& payload,
-                     const std::vector<std::string>& properties) const
+                     const std::vector<std::string>& properties,
+                     const std::vector<std::string>& options) const
 {
     std::vector<std::string> command{"mosquitto_pub", "-V", "5",    "-q", "1",   "-h",
                                      m_address,       "-p", Port(), "-t", topic, "-m",
                                      payload};
+    command.insert(command.end(), options.begin(), options.end());
     for (const std::string& property : properties) {
         command.insert(command.end(), {"-D", "publish"});
         for (std::size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
@@ -170,6 +173,17 @@ std::string Bridge::Counters()
 {
     Signal(SIGUSR1);
     return WaitForLine("pelmar-mqtt-bridge[demo]: forwarded ");
+}
+
+void Bridge::WaitForCounters(const std::string& text)
+{
+    const auto deadline = std::chrono::steady_clock::now() + TEST_DEADLINE;
+    for (std::string counters = Counters(); counters.find(text) == std::string::npos;
+         counters = Counters()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            throw std::runtime_error("waited for the counters '" + text + "'; they are '" +
+                                     counters + "'");
+    }
 }
 
 Peer::Peer(const TestBus& bus, const std::string& role, const std::string& channel)

@@ -50,9 +50,10 @@ public:
     void Start();
 
     /// Publishes with QoS 1 and returns when the broker has it. Properties are for mosquitto_pub's
-    /// -D: "user-property kind request".
+    /// -D: "user-property kind request"; options are other ones of it.
     void Publish(const std::string& topic, const std::string& payload,
-                 const std::vector<std::string>& properties) const;
+                 const std::vector<std::string>& properties,
+                 const std::vector<std::string>& options = {}) const;
 
     /// Prints "TOPIC PAYLOAD" for each message that matches, among other lines. Has subscribed.
     std::unique_ptr<ChildProcess> Listen(const std::string& filter) const;
@@ -85,6 +86,10 @@ public:
 
     /// The counters, asked for now.
     std::string Counters();
+
+    /// Asks until the counters contain the text. Throws std::runtime_error, with what they are
+    /// instead.
+    void WaitForCounters(const std::string& text);
 };
 
 /// An endpoint of the channel "demo" as a program (tests/programs/endpoint-peer.cpp).

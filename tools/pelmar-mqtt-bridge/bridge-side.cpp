@@ -155,8 +155,10 @@ void BridgeSide::Stop()
 {
     m_stopping = true;
     m_reconnect.Disarm();
-    if (m_link == nullptr)
+    if (!m_has_session) {
+        m_link.reset();
         return;
+    }
     Unannounce();
     EndSession();
     m_link->Close();
