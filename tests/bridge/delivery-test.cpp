@@ -156,14 +156,24 @@ TEST_F(AStateThatNobodyRepeats, IsNotTakenForTheService)
 
 class AnOfferingBridge : public AcrossMachines {
 protected:
-    AnOfferingBridge() { WaitUntilWhole(m_client); }
+    explicit AnOfferingBridge(const std::string& request_timeout = "20")
+        : m_attached(Attach(m_bus_a, {"--request-timeout", request_timeout})),
+          m_offering(Offer(m_bus_b, {"--request-timeout", request_timeout, "--max-message", "1000",
+                                     "--queue", "4000"}))
+    {
+        WaitUntilWhole(m_client);
+    }
 
     Peer m_service{m_bus_a, "service"};
     std::unique_ptr<ChildProcess> m_states = m_broker.Listen("pelmar/demo/service/+");
-    Bridge m_attached = Attach(m_bus_a, {"--request-timeout", "1"});
-    Bridge m_offering =
-        Offer(m_bus_b, {"--request-timeout", "1", "--max-message", "1000", "--queue", "4000"});
+    Bridge m_attached;
+    Bridge m_offering;
     Peer m_client{m_bus_b, "client"};
+};
+
+class AnImpatientBridge : public AnOfferingBridge {
+protected:
+    AnImpatientBridge() : AnOfferingBridge("2") {}
 };
 
 TEST_F(AnOfferingBridge, LeavesOutANotificationThatComesTwiceOrTooLate)
@@ -179,7 +189,7 @@ TEST_F(AnOfferingBridge, LeavesOutANotificationThatComesTwiceOrTooLate)
     m_offering.WaitForCounters("2 notifications; refused 0, expired 0, duplicates 2, lost 4");
 }
 
-TEST_F(AnOfferingBridge, FailsACallThatIsNotAnsweredInTime)
+TEST_F(AnImpatientBridge, FailsACallThatIsNotAnsweredInTime)
 {
     m_service.Signal(SIGSTOP);
     m_client.WriteLine("partners");
@@ -189,14 +199,14 @@ TEST_F(AnOfferingBridge, FailsACallThatIsNotAnsweredInTime)
 }
 
 // The bridge that was to execute it is stopped meanwhile, so that it finds the call only later.
-TEST_F(AnOfferingBridge, HasNoCallExecutedThatItsCallerHasGivenUp)
+TEST_F(AnImpatientBridge, HasNoCallExecutedThatItsCallerHasGivenUp)
 {
     m_client.WriteLine("partners");
     const std::string partner = m_client.WaitForLine("partners ");
     m_attached.Signal(SIGSTOP);
     m_client.WriteLine("send " + partner + "01");
     EXPECT_EQ(
-        "the partner answered with an error: no answer from the remote service within 1 seconds",
+        "the partner answered with an error: no answer from the remote service within 2 seconds",
         m_client.WaitForLine("error "));
     m_attached.Signal(SIGCONT);
     m_client.WriteLine("send " + partner + "0203");
