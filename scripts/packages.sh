@@ -11,6 +11,11 @@ bridge_packages=(libmosquitto-dev libcli11-dev)
 # shellcheck disable=SC2034
 bridge_test_packages=(mosquitto mosquitto-clients openssl iproute2 mandoc)
 
+# What the benchmarks are built and run with.
+# shellcheck disable=SC2034
+bench_packages=(libbenchmark-dev nlohmann-json3-dev libcli11-dev libsystemd-dev libsdbus-c++-dev
+    libdbus-1-dev valgrind)
+
 # install_packages NAME...: installs those Debian packages that are missing, and does nothing when
 # none is.
 install_packages()

@@ -1,0 +1,126 @@
+#include "report.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using nlohmann::json;
+using testing::DoubleNear;
+using testing::HasSubstr;
+using testing::Not;
+
+json SendOf16Kib(const json& channel_us, const json& gdbus_us)
+{
+    return {
+        {"send", {{"16384", {{"channel", {{"us", channel_us}}}, {"gdbus", {{"us", gdbus_us}}}}}}}};
+}
+
+json Counts(long instructions)
+{
+    return {{"machine", {{"libraries", "GLib 2.74.6"}}},
+            {"instructions", {{"channel", {{"64", instructions}}}, {"endpoint", {{"64", 1000}}}}}};
+}
+
+TEST(AMedian, IsTheMiddleOfWhatWasMeasured)
+{
+    EXPECT_EQ(statistics::Median({5, 1, 100}), 5);
+    EXPECT_EQ(statistics::Median({1, 3}), 2);
+    EXPECT_EQ(statistics::Quantile({10, 20, 30}, 1), 30);
+}
+
+TEST(AnEstimate, IsNotMovedByAFewSlowRounds)
+{
+    std::vector<double> rounds(40, 1.0);
+    rounds[3] = rounds[17] = rounds[30] = 50;
+    const statistics::Estimate estimate = statistics::Estimated(rounds);
+    EXPECT_EQ(estimate.median, 1);
+    EXPECT_EQ(estimate.high, 1);
+    EXPECT_EQ(estimate.RelativeError(), 0);
+}
+
+TEST(AnEstimate, HasAWideIntervalWhenTheRoundsDisagree)
+{
+    const statistics::Estimate estimate = statistics::Estimated({1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
+    EXPECT_LT(estimate.low, 4);
+    EXPECT_GT(estimate.high, 7);
+}
+
+// What slows a whole round slows both.
+TEST(AReport, ComparesServersWithinTheSameRound)
+{
+    const auto targets = report::Targets(SendOf16Kib({103, 1030, 206}, {100, 1000, 200}));
+    ASSERT_EQ(targets.size(), 1U);
+    EXPECT_THAT(targets[0].value.median, DoubleNear(1.03, 1e-9));
+    EXPECT_THAT(targets[0].value.high, DoubleNear(1.03, 1e-9));
+}
+
+TEST(AReport, SaysThatATargetHolds)
+{
+    const auto targets = report::Targets(SendOf16Kib({104, 104}, {100, 100}));
+    ASSERT_EQ(targets.size(), 1U);
+    EXPECT_TRUE(targets[0].Holds());
+    EXPECT_EQ(report::Verdict(targets[0]),
+              "holds           `Send` of 16 KiB, time: channel / gdbus: 1.040, at most 1.05");
+}
+
+TEST(AReport, SaysThatATargetDoesNotHold)
+{
+    const auto targets = report::Targets(SendOf16Kib({106, 106}, {100, 100}));
+    ASSERT_EQ(targets.size(), 1U);
+    EXPECT_FALSE(targets[0].Holds());
+    EXPECT_THAT(report::Verdict(targets[0]), HasSubstr("DOES NOT HOLD"));
+}
+
+TEST(AReport, JudgesNothingThatWasNotMeasured)
+{
+    EXPECT_TRUE(report::Targets(json::object()).empty());
+}
+
+TEST(AReport, ComparesInstructionsWithTheBaseline)
+{
+    bool grown = false;
+    const json baseline = report::Baseline(Counts(1000));
+    EXPECT_THAT(report::CompareWithBaseline(Counts(1049), baseline, grown),
+                HasSubstr("channel, 64 B: 1049 instructions a Send, baseline 1000: +4.9 %\n"));
+    EXPECT_FALSE(grown);
+    EXPECT_THAT(report::CompareWithBaseline(Counts(1051), baseline, grown),
+                HasSubstr("+5.1 % GROWN"));
+    EXPECT_TRUE(grown);
+}
+
+TEST(AReport, TakesACountThatIsNotInTheBaselineForGrown)
+{
+    bool grown = false;
+    const std::string text = report::CompareWithBaseline(
+        Counts(1000), {{"libraries", ""}, {"instructions", json::object()}}, grown);
+    EXPECT_THAT(text, HasSubstr("NOT IN THE BASELINE"));
+    EXPECT_TRUE(grown);
+}
+
+TEST(AReport, SaysWhenTheBaselineWasCountedWithOtherLibraries)
+{
+    bool grown = false;
+    json baseline = report::Baseline(Counts(1000));
+    EXPECT_THAT(report::CompareWithBaseline(Counts(1000), baseline, grown),
+                Not(HasSubstr("other libraries")));
+    baseline["libraries"] = "GLib 2.80.0";
+    EXPECT_THAT(report::CompareWithBaseline(Counts(1000), baseline, grown),
+                HasSubstr("other libraries: GLib 2.80.0; now GLib 2.74.6"));
+    EXPECT_FALSE(grown);
+}
+
+TEST(AReport, ReplacesWhatIsBetweenTheMarksOfADocument)
+{
+    const std::string begin = "<!-- results: written by scripts/bench -->";
+    const std::string end = "<!-- end of results -->";
+    EXPECT_EQ(report::ReplaceBetweenMarks("A\n" + begin + "\nold\n" + end + "\nZ", "new\n"),
+              "A\n" + begin + "\n\nnew\n" + end + "\nZ");
+}
+
+TEST(AReport, RefusesADocumentWithoutMarks)
+{
+    EXPECT_THROW(report::ReplaceBetweenMarks("text", "new"), std::runtime_error);
+}
+
+}  // namespace

@@ -1,0 +1,533 @@
+#include "report.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+
+namespace report {
+
+namespace {
+
+using nlohmann::json;
+using statistics::Estimate;
+using Relation = Target::Relation;
+using Rounds = std::vector<double>;
+
+constexpr double MAX_GROWTH = 1.05;
+const std::string BEGIN_MARK = "<!-- results: written by scripts/bench -->";
+const std::string END_MARK = "<!-- end of results -->";
+
+// The order of the columns and rows, which JSON does not keep.
+const std::vector<std::string> SERVERS = {"channel", "endpoint",  "gdbus",   "gdbus-copy",
+                                          "sd-bus",  "sdbus-c++", "libdbus", "unix socket"};
+
+std::string Format(const char* format, double value)
+{
+    char text[64];
+    std::snprintf(text, sizeof(text), format, value);
+    return text;
+}
+
+// Three significant digits, as far as a figure is worth reading.
+std::string Short(double value)
+{
+    if (value == 0)
+        return "0";
+    const int digits = std::max(0, 2 - static_cast<int>(std::floor(std::log10(std::abs(value)))));
+    return Format(("%." + std::to_string(digits) + "f").c_str(), value);
+}
+
+std::string SizeText(const std::string& bytes)
+{
+    const long size = std::stol(bytes);
+    constexpr long kib = 1024;
+    if (size >= kib * kib)
+        return std::to_string(size / kib / kib) + " MiB";
+    return size >= kib ? std::to_string(size / kib) + " KiB" : bytes + " B";
+}
+
+const json* Find(const json& from, const std::vector<std::string>& path)
+{
+    const json* found = &from;
+    for (const std::string& key : path) {
+        const auto next = found->find(key);
+        if (next == found->end())
+            return nullptr;
+        found = &*next;
+    }
+    return found;
+}
+
+Rounds RoundsAt(const json& from, const std::vector<std::string>& path)
+{
+    const json* found = Find(from, path);
+    return found != nullptr ? found->get<Rounds>() : Rounds();
+}
+
+// JSON sorts "16384" before "64".
+std::vector<std::string> NumericKeys(const json& object)
+{
+    std::vector<std::string> keys;
+    for (const auto& item : object.items())
+        keys.push_back(item.key());
+    std::sort(keys.begin(), keys.end(), [](const std::string& left, const std::string& right) {
+        return std::stol(left) < std::stol(right);
+    });
+    return keys;
+}
+
+// ---- Targets -------------------------------------------------------------------------------
+
+class TargetList {
+public:
+    explicit TargetList(const json& results) : m_results(results) {}
+
+    // Time of a Send, as a share of the base server's.
+    void Send(const std::string& server, const std::string& base,
+              const std::vector<std::string>& sizes, Relation relation, double limit)
+    {
+        for (const std::string& size : sizes) {
+            Add("`Send` of " + SizeText(size) + ", time: " + server + " / " + base, relation, limit,
+                "",
+                statistics::Ratios(RoundsAt(m_results, {"send", size, server, "us"}),
+                                   RoundsAt(m_results, {"send", size, base, "us"})));
+        }
+    }
+
+    void Instructions(const std::string& server, const std::string& base,
+                      const std::vector<std::string>& sizes, double limit)
+    {
+        for (const std::string& size : sizes) {
+            const json* value = Find(m_results, {"instructions", server, size});
+            const json* base_value = Find(m_results, {"instructions", base, size});
+            if (value != nullptr && base_value != nullptr)
+                Add("`Send` of " + SizeText(size) + ", instructions: " + server + " / " + base,
+                    Relation::at_most, limit, "",
+                    {value->get<double>() / base_value->get<double>()});
+        }
+    }
+
+    void Add(const std::string& text, Relation relation, double limit, const std::string& unit,
+             const Rounds& values)
+    {
+        if (!values.empty())
+            m_targets.push_back({text, relation, limit, unit, statistics::Estimated(values)});
+    }
+
+    std::vector<Target> Take() { return std::move(m_targets); }
+
+private:
+    const json& m_results;
+    std::vector<Target> m_targets;
+};
+
+}  // namespace
+
+std::vector<Target> Targets(const json& results)
+{
+    TargetList list(results);
+    const std::vector<std::string> small = {"0", "64", "1024", "16384"};
+    const std::vector<std::string> large = {"262144", "1048576"};
+    list.Send("channel", "gdbus", small, Relation::at_most, 1.05);
+    list.Instructions("channel", "gdbus", small, 1.05);
+    list.Send("channel", "sdbus-c++", {"1024"}, Relation::below, 1);
+    list.Send("channel", "sdbus-c++", {"16384"}, Relation::at_most, 1.0 / 8);
+    list.Send("channel", "sdbus-c++", large, Relation::below, 1);
+    list.Send("channel", "gdbus-copy", large, Relation::below, 1);
+    list.Send("channel", "sd-bus", large, Relation::at_most, 1.05);
+    list.Send("endpoint", "channel", small, Relation::at_most, 1.10);
+    list.Send("endpoint", "channel", large, Relation::at_most, 1.10);
+
+    const auto notifications = [&](const std::vector<std::string>& path) {
+        std::vector<std::string> whole = {"notifications"};
+        whole.insert(whole.end(), path.begin(), path.end());
+        return RoundsAt(results, whole);
+    };
+    list.Add("Notification to 100 partners, time: channel / gdbus", Relation::at_most, 1.10, "",
+             statistics::Ratios(notifications({"broadcast", "100", "channel", "us"}),
+                                notifications({"broadcast", "100", "gdbus", "us"})));
+    list.Add("Notification to 100 partners, server's processor time: channel / gdbus",
+             Relation::at_most, 1.10, "",
+             statistics::Ratios(notifications({"broadcast", "100", "channel", "server_us"}),
+                                notifications({"broadcast", "100", "gdbus", "server_us"})));
+    list.Add("Notification from another thread: endpoint - channel", Relation::at_most, 20, "us",
+             statistics::Differences(notifications({"single", "endpoint", "us"}),
+                                     notifications({"single", "channel", "us"})));
+    if (const json* bytes = Find(results, {"library_bytes"}))
+        list.Add("Stripped shared library of the channel", Relation::below, 100, "KiB",
+                 {bytes->get<double>() / 1024});
+    return list.Take();
+}
+
+namespace {
+
+// Of a single figure there is none.
+std::string Interval(const Estimate& value, const char* format)
+{
+    if (value.low == value.high)
+        return "";
+    return " (" + Format(format, value.low) + " to " + Format(format, value.high) + ")";
+}
+
+std::string Limit(const Target& target)
+{
+    const bool ratio = target.unit.empty();
+    return (target.relation == Relation::at_most ? "at most " : "below ") +
+           (ratio ? Format("%.4g", target.limit) : Format("%g ", target.limit) + target.unit);
+}
+
+std::string Measured(const Target& target)
+{
+    const bool ratio = target.unit.empty();
+    const char* format = ratio ? "%.3f" : "%.1f";
+    return Format(format, target.value.median) + (ratio ? "" : " " + target.unit) +
+           Interval(target.value, format);
+}
+
+}  // namespace
+
+std::string Verdict(const Target& target)
+{
+    return (target.Holds() ? "holds           " : "DOES NOT HOLD   ") + target.text + ": " +
+           Measured(target) + ", " + Limit(target);
+}
+
+// ---- Tables --------------------------------------------------------------------------------
+
+namespace {
+
+class Table {
+public:
+    explicit Table(const std::vector<std::string>& heading)
+    {
+        Row(heading);
+        m_text << "|";
+        for (std::size_t i = 0; i < heading.size(); ++i)
+            m_text << (i == 0 ? "---|" : "---:|");
+        m_text << "\n";
+    }
+
+    void Row(const std::vector<std::string>& cells)
+    {
+        m_text << "|";
+        for (const std::string& cell : cells)
+            m_text << " " << cell << " |";
+        m_text << "\n";
+    }
+
+    std::string Text() const { return m_text.str() + "\n"; }
+
+private:
+    std::ostringstream m_text;
+};
+
+// A row for each server that has any value, a column for each key.
+std::string ServerTable(
+    const std::string& corner, const std::vector<std::string>& keys,
+    const std::function<std::string(const std::string&)>& heading,
+    const std::function<const json*(const std::string& server, const std::string& key)>& value,
+    const std::function<std::string(const json&)>& text)
+{
+    std::vector<std::string> row = {corner};
+    std::transform(keys.begin(), keys.end(), std::back_inserter(row), heading);
+    Table table(row);
+    for (const std::string& server : SERVERS) {
+        row = {server};
+        bool any = false;
+        for (const std::string& key : keys) {
+            const json* found = value(server, key);
+            any = any || found != nullptr;
+            row.push_back(found != nullptr ? text(*found) : "");
+        }
+        if (any)
+            table.Row(row);
+    }
+    return table.Text();
+}
+
+std::string MedianText(const json& rounds)
+{
+    return Short(statistics::Median(rounds.get<Rounds>()));
+}
+
+std::string NumberText(const json& number)
+{
+    return Short(number.get<double>());
+}
+
+std::string SendTables(const json& results)
+{
+    struct Column {
+        const char* title;
+        const char* key;
+        std::string (*text)(const json& value);
+    };
+    constexpr Column columns[] = {
+        {"Median, microseconds", "us", MedianText},
+        {"99th percentile, microseconds", "p99_us", NumberText},
+        {"Calls a second", "per_second", NumberText},
+        {"Processor time of the server a call, microseconds", "server_us", MedianText},
+    };
+    const json& send = results.at("send");
+    std::string text = "### Round trips of Send\n\n";
+    for (const Column& column : columns) {
+        text += std::string(column.title) + ":\n\n";
+        text += ServerTable(
+            "Server", NumericKeys(send), SizeText,
+            [&](const std::string& server, const std::string& size) {
+                const bool relay = server == "unix socket";  // of which one half would be counted
+                return relay && column.key == std::string("server_us")
+                           ? nullptr
+                           : Find(send, {size, server, column.key});
+            },
+            column.text);
+    }
+    return text;
+}
+
+std::string InstructionTable(const json& results)
+{
+    const json& counts = results.at("instructions");
+    return "### Instructions of the server for one Send\n\n" +
+           ServerTable(
+               "Server", NumericKeys(counts.begin().value()), SizeText,
+               [&](const std::string& server, const std::string& size) {
+                   return Find(counts, {server, size});
+               },
+               [](const json& count) { return std::to_string(count.get<long>()); });
+}
+
+std::string NotificationTables(const json& results)
+{
+    const json& notifications = results.at("notifications");
+    const json& broadcast = notifications.at("broadcast");
+    const auto partners = [](const std::string& count) {
+        return count + (count == "1" ? " partner" : " partners");
+    };
+    std::string text = "### Notifications of 64 bytes\n\n";
+    for (const bool server_time : {false, true}) {
+        text += server_time ? "Processor time of the server, microseconds a message:\n\n"
+                            : "One after the other, microseconds a message:\n\n";
+        text += ServerTable(
+            "Server", NumericKeys(broadcast), partners,
+            [&](const std::string& server, const std::string& count) {
+                return Find(broadcast, {count, server, server_time ? "server_us" : "us"});
+            },
+            MedianText);
+    }
+    return text + "A single one, from the order to the receipt, microseconds:\n\n" +
+           ServerTable(
+               "Server", {"us", "p99_us"},
+               [](const std::string& key) { return key == "us" ? "median" : "99th percentile"; },
+               [&](const std::string& server, const std::string& key) {
+                   return Find(notifications, {"single", server, key});
+               },
+               [](const json& value) {
+                   return value.is_array() ? MedianText(value) : NumberText(value);
+               });
+}
+
+std::string HandshakeTable(const json& results)
+{
+    Table table({"From the constructor to ready at both ends, milliseconds", "median", "90 %"});
+    for (const auto& [name, rounds] : results.at("handshake").items()) {
+        table.Row(
+            {name, MedianText(rounds), Short(statistics::Quantile(rounds.get<Rounds>(), 0.9))});
+    }
+    return "### Handshake\n\n" + table.Text();
+}
+
+std::string GrowthTable(const json& results)
+{
+    Table table({"Partners", "next handshake, ms", "a pulse, all processors' time, us",
+                 "of it a client, us", "service, KiB", "bus daemon, KiB"});
+    const json& growth = results.at("growth").at("channel");
+    for (const std::string& count : NumericKeys(growth)) {
+        const json& row = growth.at(count);
+        const auto kib = [&](const char* key) {
+            return Format("%.0f", row.at(key).get<double>() / 1024);
+        };
+        table.Row({count, NumberText(row.at("next_handshake_ms")), NumberText(row.at("pulse_us")),
+                   NumberText(row.at("pulse_us_per_client")), kib("service_bytes"),
+                   kib("daemon_bytes")});
+    }
+    return "### As partners grow\n\n" + table.Text();
+}
+
+std::string MemoryTable(const json& results)
+{
+    Table table({"An idle server", "KiB of its own"});
+    for (const std::string& server : SERVERS) {
+        if (const json* bytes = Find(results, {"memory", server}))
+            table.Row({server, Format("%.0f", bytes->get<double>() / 1024)});
+    }
+    return "### Memory\n\n" + table.Text();
+}
+
+std::string PartsTable(const json& results)
+{
+    Table table({"Part / bytes", "processor time, nanoseconds"});
+    for (const json& part : results.at("parts")) {
+        if (part.value("aggregate_name", "median") == "median")
+            table.Row({part.at("run_name").get<std::string>(), NumberText(part.at("cpu_time"))});
+    }
+    return "### Parts of the way through the channel\n\n" + table.Text();
+}
+
+std::string TargetTable(const std::vector<Target>& targets)
+{
+    Table table({"Target", "measured (95 % interval)", "wanted", "holds"});
+    for (const Target& target : targets)
+        table.Row(
+            {target.text, Measured(target), Limit(target), target.Holds() ? "yes" : "**no**"});
+    return "### Targets\n\n" + table.Text();
+}
+
+std::string Introduction(const json& results)
+{
+    const json& machine = results.at("machine");
+    std::ostringstream text;
+    const bool precedence = machine.at("precedence").get<bool>();
+    text << "Run of " << results.at("date").get<std::string>() << " (`"
+         << results.at("effort").get<std::string>() << "`) on one of "
+         << machine.at("processors").get<int>() << " processors ("
+         << machine.at("processor").get<std::string>() << "), "
+         << machine.at("kernel").get<std::string>() << "; "
+         << machine.at("libraries").get<std::string>() << "; dbus-daemon "
+         << machine.at("dbus_daemon").get<std::string>()
+         << ". Load of the machine before and after: "
+         << Format("%.1f", machine.at("load_before").get<double>()) << " and "
+         << Format("%.1f", machine.at("load_after").get<double>())
+         << (precedence ? ", over which the run had precedence.\n\n" : ".\n\n");
+    return text.str();
+}
+
+}  // namespace
+
+std::string Markdown(const json& results)
+{
+    struct Section {
+        const char* key;
+        std::string (*text)(const json& results);
+    };
+    constexpr Section sections[] = {
+        {"send", SendTables},
+        {"instructions", InstructionTable},
+        {"notifications", NotificationTables},
+        {"handshake", HandshakeTable},
+        {"growth", GrowthTable},
+        {"memory", MemoryTable},
+        {"parts", PartsTable},
+    };
+    std::string text = Introduction(results);
+    const std::vector<Target> targets = Targets(results);
+    if (!targets.empty())
+        text += TargetTable(targets);
+    for (const Section& section : sections) {
+        if (results.contains(section.key))
+            text += section.text(results);
+    }
+    return text;
+}
+
+// ---- Plots ---------------------------------------------------------------------------------
+
+namespace {
+
+std::string Quoted(const std::string& text)
+{
+    return "\"" + text + "\"";
+}
+
+// A line for each key, a column for each server; "?" where there is nothing.
+void WriteServerData(const std::string& file, const json& by_key,
+                     const std::function<std::string(const std::string&)>& label)
+{
+    std::ofstream data(file);
+    data << "key";
+    for (const std::string& server : SERVERS)
+        data << " " << Quoted(server);
+    for (const std::string& key : NumericKeys(by_key)) {
+        data << "\n" << Quoted(label(key));
+        for (const std::string& server : SERVERS) {
+            const Rounds rounds = RoundsAt(by_key, {key, server, "us"});
+            data << " " << (rounds.empty() ? "?" : Short(statistics::Median(rounds)));
+        }
+    }
+    data << "\n";
+}
+
+}  // namespace
+
+void WritePlotData(const json& results, const std::string& folder)
+{
+    if (const json* send = Find(results, {"send"}))
+        WriteServerData(folder + "/send.dat", *send, SizeText);
+    if (const json* broadcast = Find(results, {"notifications", "broadcast"}))
+        WriteServerData(folder + "/notifications.dat", *broadcast,
+                        [](const std::string& count) { return count; });
+    if (const json* growth = Find(results, {"growth", "channel"})) {
+        std::ofstream data(folder + "/growth.dat");
+        data << "partners handshake pulse\n";
+        for (const std::string& count : NumericKeys(*growth))
+            data << count << " " << growth->at(count).at("next_handshake_ms").get<double>() << " "
+                 << growth->at(count).at("pulse_us").get<double>() / 1000 << "\n";
+    }
+}
+
+// ---- Baseline ------------------------------------------------------------------------------
+
+json Baseline(const json& results)
+{
+    json counts;
+    for (const std::string server : {"channel", "endpoint"})
+        counts[server] = results.at("instructions").at(server);
+    return {{"libraries", results.at("machine").at("libraries")}, {"instructions", counts}};
+}
+
+std::string CompareWithBaseline(const json& results, const json& baseline, bool& grown)
+{
+    std::ostringstream text;
+    const json current = Baseline(results);
+    for (const auto& [server, counts] : current.at("instructions").items()) {
+        for (const std::string& size : NumericKeys(counts)) {
+            text << server << ", " << SizeText(size) << ": " << counts.at(size).get<long>()
+                 << " instructions a Send, ";
+            const json* base = Find(baseline, {"instructions", server, size});
+            if (base == nullptr) {
+                grown = true;
+                text << "NOT IN THE BASELINE\n";
+                continue;
+            }
+            const double ratio = counts.at(size).get<double>() / base->get<double>();
+            const bool too_many = ratio > MAX_GROWTH;
+            grown = grown || too_many;
+            text << "baseline " << base->get<long>() << ": "
+                 << Format("%+.1f %%", (ratio - 1) * 100) << (too_many ? " GROWN\n" : "\n");
+        }
+    }
+    if (results.at("machine").at("libraries") != baseline.at("libraries"))
+        text << "The baseline was counted with other libraries: "
+             << baseline.at("libraries").get<std::string>() << "; now "
+             << results.at("machine").at("libraries").get<std::string>() << "\n";
+    return text.str();
+}
+
+// ---- Document ------------------------------------------------------------------------------
+
+std::string ReplaceBetweenMarks(const std::string& document, const std::string& text)
+{
+    const std::size_t begin = document.find(BEGIN_MARK);
+    const std::size_t end = document.find(END_MARK);
+    if (begin == std::string::npos || end == std::string::npos || end < begin)
+        throw std::runtime_error("the document lacks the lines '" + BEGIN_MARK + "' and '" +
+                                 END_MARK + "', between which the results go");
+    return document.substr(0, begin) + BEGIN_MARK + "\n\n" + text + document.substr(end);
+}
+
+}  // namespace report

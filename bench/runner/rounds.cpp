@@ -1,0 +1,81 @@
+#include "rounds.h"
+
+#include <cmath>
+#include <numeric>
+
+#include "server-process.h"
+#include "statistics.h"
+
+namespace {
+
+struct Record {
+    std::vector<double> seconds;
+    std::vector<double> processor_seconds;
+    std::vector<double> calls;
+    std::vector<double> rates;
+};
+
+bool IsEnough(const std::vector<Record>& records, const Effort::Rounds& rounds, double started)
+{
+    const std::size_t count = records.front().seconds.size();
+    if (count < rounds.least)
+        return false;
+    if (count >= rounds.most || Now() - started > rounds.seconds)
+        return true;
+    for (const Record& record : records) {
+        const auto ratios = statistics::Ratios(records.front().seconds, record.seconds);
+        if (statistics::Estimated(ratios).RelativeError() > rounds.precision)
+            return false;
+    }
+    return true;
+}
+
+// Calls a second.
+double RateOf(const Sample& sample)
+{
+    const double sum = std::accumulate(sample.calls.begin(), sample.calls.end(), 0.0);
+    return sum > 0 ? static_cast<double>(sample.calls.size()) / sum : 0;
+}
+
+std::vector<double> Microseconds(const std::vector<double>& seconds)
+{
+    constexpr double nanoseconds = 1e9;
+    std::vector<double> rounded;
+    for (const double value : seconds)
+        rounded.push_back(std::round(value * nanoseconds / 10) / 100);
+    return rounded;
+}
+
+}  // namespace
+
+nlohmann::json RunRounds(const std::vector<Contender>& contenders, const Effort::Rounds& rounds)
+{
+    std::vector<Record> records(contenders.size());
+    for (const Contender& contender : contenders)
+        contender.sample();  // warms it up
+    const double started = Now();
+    for (std::size_t round = 0; !IsEnough(records, rounds, started); ++round) {
+        for (std::size_t turn = 0; turn < contenders.size(); ++turn) {
+            // Each follows each other one in turn.
+            const std::size_t index = (turn + round) % contenders.size();
+            Record& record = records[index];
+            const Sample sample = contenders[index].sample();
+            record.seconds.push_back(sample.seconds);
+            record.processor_seconds.push_back(sample.processor_seconds);
+            record.rates.push_back(RateOf(sample));
+            record.calls.insert(record.calls.end(), sample.calls.begin(), sample.calls.end());
+        }
+    }
+    nlohmann::json results;
+    for (std::size_t i = 0; i < contenders.size(); ++i) {
+        const Record& record = records[i];
+        nlohmann::json& result = results[contenders[i].name];
+        result["us"] = Microseconds(record.seconds);
+        result["server_us"] = Microseconds(record.processor_seconds);
+        if (record.calls.empty())
+            continue;
+        result["p99_us"] = Microseconds({statistics::Quantile(record.calls, 0.99)}).front();
+        result["per_second"] = std::round(statistics::Median(record.rates));
+    }
+    return results;
+}
