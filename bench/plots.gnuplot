@@ -1,0 +1,44 @@
+# Draws what bench-report --plots wrote to the folder `data` as SVG files in the folder `plots`.
+
+set terminal svg size 860,480 background "white" font "sans-serif,14"
+set datafile missing "?"
+set key outside right center
+set grid y
+set style data linespoints
+set pointsize 0.7
+
+name(i) = word("channel endpoint gdbus gdbus-copy sd-bus sdbus-c++ libdbus unix", i) \
+    . (i == 8 ? " socket" : "")
+color(i) = word("#c00000 #e08000 #2050a0 #60a0e0 #208020 #804090 #606060 #b0b0b0", i)
+
+set output plots . "/send-time.svg"
+set title "A round trip of Send"
+set ylabel "microseconds, median"
+set logscale y
+plot for [i = 1:8] data . "/send.dat" every ::1 using 0:i + 1:xtic(1) title name(i) \
+    linewidth 2 linecolor rgb color(i)
+
+set output plots . "/send-ratio.svg"
+set title "A round trip of Send, as a share of the bare GDBus service's"
+set ylabel "share"
+unset logscale y
+set yrange [0:2]
+plot for [i = 1:8] data . "/send.dat" every ::1 using 0:(column(i + 1) / column(4)):xtic(1) \
+    title name(i) linewidth 2 linecolor rgb color(i)
+
+set output plots . "/notifications.svg"
+set title "Notifications of 64 bytes, one after the other"
+set xlabel "partners"
+set ylabel "microseconds a message, median"
+set yrange [0:*]
+plot for [i in "1 2 3 5 6 7"] data . "/notifications.dat" every ::1 \
+    using 0:(column(int(i) + 1)):xtic(1) title name(int(i)) \
+    linewidth 2 linecolor rgb color(int(i))
+
+set output plots . "/growth.svg"
+set title "What every partner adds: each sees every pulse"
+set ylabel "milliseconds"
+plot data . "/growth.dat" every ::1 using 1:2 title "the next handshake" \
+        linewidth 2 linecolor rgb color(1), \
+    "" every ::1 using 1:3 title "a pulse, processor time of all" \
+        linewidth 2 linecolor rgb color(3)
