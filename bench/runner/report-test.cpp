@@ -12,8 +12,12 @@ using testing::Not;
 
 json SendOf16Kib(const json& channel_us, const json& gdbus_us)
 {
-    return {
-        {"send", {{"16384", {{"channel", {{"us", channel_us}}}, {"gdbus", {{"us", gdbus_us}}}}}}}};
+    json results = {{"date", "2026-01-01"}, {"effort", "full"}};
+    results["machine"] = {{"processor", "one"},  {"processors", 1},    {"kernel", "Linux"},
+                          {"libraries", "GLib"}, {"dbus_daemon", "1"}, {"load_before", 0},
+                          {"load_after", 0},     {"precedence", false}};
+    results["send"]["16384"] = {{"channel", {{"us", channel_us}}}, {"gdbus", {{"us", gdbus_us}}}};
+    return results;
 }
 
 json Counts(long instructions)
@@ -70,6 +74,19 @@ TEST(AReport, SaysThatATargetDoesNotHold)
     ASSERT_EQ(targets.size(), 1U);
     EXPECT_FALSE(targets[0].Holds());
     EXPECT_THAT(report::Verdict(targets[0]), HasSubstr("DOES NOT HOLD"));
+}
+
+// A peer that GDBus itself does not reach is not reached by what is built on it.
+TEST(AReport, SaysWhatBareGdbusReaches)
+{
+    json results = SendOf16Kib({20, 20}, {19, 19});
+    results["send"]["16384"]["sdbus-c++"] = {{"us", {100, 100}}};
+    const auto targets = report::Targets(results);
+    ASSERT_EQ(targets.size(), 2U);
+    EXPECT_EQ(targets[0].floor, 0);
+    EXPECT_THAT(targets[1].value.median, DoubleNear(0.20, 1e-9));
+    EXPECT_THAT(targets[1].floor, DoubleNear(0.19, 1e-9));
+    EXPECT_THAT(report::Markdown(results), HasSubstr("| **no** | 0.190 |"));
 }
 
 TEST(AReport, JudgesNothingThatWasNotMeasured)

@@ -92,10 +92,13 @@ public:
               const std::vector<std::string>& sizes, Relation relation, double limit)
     {
         for (const std::string& size : sizes) {
+            const Rounds base_rounds = SendRounds(size, base);
+            const bool has_floor = server == "channel" && base != "gdbus";
+            const Rounds floor =
+                has_floor ? statistics::Ratios(SendRounds(size, "gdbus"), base_rounds) : Rounds();
             Add("`Send` of " + SizeText(size) + ", time: " + server + " / " + base, relation, limit,
-                "",
-                statistics::Ratios(RoundsAt(m_results, {"send", size, server, "us"}),
-                                   RoundsAt(m_results, {"send", size, base, "us"})));
+                "", statistics::Ratios(SendRounds(size, server), base_rounds),
+                statistics::Median(floor));
         }
     }
 
@@ -113,15 +116,21 @@ public:
     }
 
     void Add(const std::string& text, Relation relation, double limit, const std::string& unit,
-             const Rounds& values)
+             const Rounds& values, double floor = 0)
     {
         if (!values.empty())
-            m_targets.push_back({text, relation, limit, unit, statistics::Estimated(values)});
+            m_targets.push_back(
+                {text, relation, limit, unit, statistics::Estimated(values), floor});
     }
 
     std::vector<Target> Take() { return std::move(m_targets); }
 
 private:
+    Rounds SendRounds(const std::string& size, const std::string& server) const
+    {
+        return RoundsAt(m_results, {"send", size, server, "us"});
+    }
+
     const json& m_results;
     std::vector<Target> m_targets;
 };
@@ -272,7 +281,10 @@ std::string SendTables(const json& results)
         {"99th percentile, microseconds", "p99_us", NumberText},
         {"Calls a second", "per_second", NumberText},
         {"Processor time of the server a call, microseconds", "server_us", MedianText},
+        {"How often a thread of the server waits during a call", "waits", NumberText},
+        {"Page faults of the server a call", "page_faults", NumberText},
     };
+    const std::set<std::string> of_server = {"server_us", "waits", "page_faults"};
     const json& send = results.at("send");
     std::string text = "### Round trips of Send\n\n";
     for (const Column& column : columns) {
@@ -281,7 +293,7 @@ std::string SendTables(const json& results)
             "Server", NumericKeys(send), SizeText,
             [&](const std::string& server, const std::string& size) {
                 const bool relay = server == "unix socket";  // of which one half would be counted
-                return relay && column.key == std::string("server_us")
+                return relay && of_server.count(column.key) != 0
                            ? nullptr
                            : Find(send, {size, server, column.key});
             },
@@ -345,16 +357,20 @@ std::string HandshakeTable(const json& results)
 std::string GrowthTable(const json& results)
 {
     Table table({"Partners", "next handshake, ms", "a pulse, all processors' time, us",
-                 "of it a client, us", "service, KiB", "bus daemon, KiB"});
+                 "of it a client, us", "service, KiB", "of it a partner, KiB", "bus daemon, KiB"});
     const json& growth = results.at("growth").at("channel");
-    for (const std::string& count : NumericKeys(growth)) {
+    const std::vector<std::string> counts = NumericKeys(growth);
+    const auto kib = [&growth](const std::string& count, const char* key) {
+        return growth.at(count).at(key).get<double>() / 1024;
+    };
+    for (const std::string& count : counts) {
         const json& row = growth.at(count);
-        const auto kib = [&](const char* key) {
-            return Format("%.0f", row.at(key).get<double>() / 1024);
-        };
+        const double service = kib(count, "service_bytes");
+        const int more = std::stoi(count) - std::stoi(counts.front());
+        const double per_partner = (service - kib(counts.front(), "service_bytes")) / more;
         table.Row({count, NumberText(row.at("next_handshake_ms")), NumberText(row.at("pulse_us")),
-                   NumberText(row.at("pulse_us_per_client")), kib("service_bytes"),
-                   kib("daemon_bytes")});
+                   NumberText(row.at("pulse_us_per_client")), Format("%.0f", service),
+                   more > 0 ? Short(per_partner) : "", Format("%.0f", kib(count, "daemon_bytes"))});
     }
     return "### As partners grow\n\n" + table.Text();
 }
@@ -381,10 +397,10 @@ std::string PartsTable(const json& results)
 
 std::string TargetTable(const std::vector<Target>& targets)
 {
-    Table table({"Target", "measured (95 % interval)", "wanted", "holds"});
+    Table table({"Target", "measured (95 % interval)", "wanted", "holds", "bare GDBus"});
     for (const Target& target : targets)
-        table.Row(
-            {target.text, Measured(target), Limit(target), target.Holds() ? "yes" : "**no**"});
+        table.Row({target.text, Measured(target), Limit(target), target.Holds() ? "yes" : "**no**",
+                   target.floor > 0 ? Format("%.3f", target.floor) : ""});
     return "### Targets\n\n" + table.Text();
 }
 

@@ -21,6 +21,10 @@ struct Target {
     std::string unit;  // empty for a ratio
     statistics::Estimate value;
 
+    /// What the bare GDBus service reaches, on which the channel cannot improve; 0 where that says
+    /// nothing.
+    double floor = 0;
+
     bool Holds() const
     {
         return relation == Relation::at_most ? value.median <= limit : value.median < limit;

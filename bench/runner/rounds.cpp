@@ -8,11 +8,30 @@
 
 namespace {
 
+// Calls a second.
+double RateOf(const Sample& sample)
+{
+    const double sum = std::accumulate(sample.calls.begin(), sample.calls.end(), 0.0);
+    return sum > 0 ? static_cast<double>(sample.calls.size()) / sum : 0;
+}
+
 struct Record {
     std::vector<double> seconds;
     std::vector<double> processor_seconds;
     std::vector<double> calls;
     std::vector<double> rates;
+    std::vector<double> waits;
+    std::vector<double> page_faults;
+
+    void Add(const Sample& sample)
+    {
+        seconds.push_back(sample.seconds);
+        processor_seconds.push_back(sample.processor_seconds);
+        calls.insert(calls.end(), sample.calls.begin(), sample.calls.end());
+        rates.push_back(RateOf(sample));
+        waits.push_back(sample.waits);
+        page_faults.push_back(sample.page_faults);
+    }
 };
 
 bool IsEnough(const std::vector<Record>& records, const Effort::Rounds& rounds, double started)
@@ -28,13 +47,6 @@ bool IsEnough(const std::vector<Record>& records, const Effort::Rounds& rounds, 
             return false;
     }
     return true;
-}
-
-// Calls a second.
-double RateOf(const Sample& sample)
-{
-    const double sum = std::accumulate(sample.calls.begin(), sample.calls.end(), 0.0);
-    return sum > 0 ? static_cast<double>(sample.calls.size()) / sum : 0;
 }
 
 std::vector<double> Microseconds(const std::vector<double>& seconds)
@@ -58,12 +70,7 @@ nlohmann::json RunRounds(const std::vector<Contender>& contenders, const Effort:
         for (std::size_t turn = 0; turn < contenders.size(); ++turn) {
             // Each follows each other one in turn.
             const std::size_t index = (turn + round) % contenders.size();
-            Record& record = records[index];
-            const Sample sample = contenders[index].sample();
-            record.seconds.push_back(sample.seconds);
-            record.processor_seconds.push_back(sample.processor_seconds);
-            record.rates.push_back(RateOf(sample));
-            record.calls.insert(record.calls.end(), sample.calls.begin(), sample.calls.end());
+            records[index].Add(contenders[index].sample());
         }
     }
     nlohmann::json results;
@@ -76,6 +83,8 @@ nlohmann::json RunRounds(const std::vector<Contender>& contenders, const Effort:
             continue;
         result["p99_us"] = Microseconds({statistics::Quantile(record.calls, 0.99)}).front();
         result["per_second"] = std::round(statistics::Median(record.rates));
+        result["waits"] = statistics::Median(record.waits);
+        result["page_faults"] = statistics::Median(record.page_faults);
     }
     return results;
 }

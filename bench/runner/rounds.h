@@ -15,6 +15,8 @@ struct Sample {
     double seconds = 0;
     double processor_seconds = 0;  // of the server alone
     std::vector<double> calls;     // where each was timed by itself
+    double waits = 0;              // of the server, see server-process.h
+    double page_faults = 0;
 };
 
 struct Contender {
@@ -23,7 +25,8 @@ struct Contender {
 };
 
 /// For each contender its rounds, as "us" and "server_us"; where calls were timed by themselves
-/// also "p99_us" and "per_second". The first contender's ratios decide when it is enough.
+/// also "p99_us", "per_second", "waits" and "page_faults". The first contender's ratios decide when
+/// it is enough.
 nlohmann::json RunRounds(const std::vector<Contender>& contenders, const Effort::Rounds& rounds);
 
 #endif

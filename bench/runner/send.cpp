@@ -8,10 +8,13 @@ namespace {
 
 constexpr unsigned LEAST_CALLS = 3;
 
-Sample CallFor(double seconds, EchoClient& client, const ServerProcess& server,
+Sample CallFor(double seconds, EchoClient& client, ServerProcess& server,
                const EchoClient::Bytes& data)
 {
     Sample sample;
+    const pid_t process = server.Process().Pid();
+    const double waits = Waits(process);
+    const double page_faults = PageFaults(process);
     const double processor_started = server.ProcessorSeconds();
     const double started = Now();
     for (double before = started;
@@ -22,8 +25,10 @@ Sample CallFor(double seconds, EchoClient& client, const ServerProcess& server,
         before = after;
     }
     sample.seconds = statistics::Median(sample.calls);
-    sample.processor_seconds =
-        (server.ProcessorSeconds() - processor_started) / static_cast<double>(sample.calls.size());
+    const auto count = static_cast<double>(sample.calls.size());
+    sample.processor_seconds = (server.ProcessorSeconds() - processor_started) / count;
+    sample.waits = (Waits(process) - waits) / count;
+    sample.page_faults = (PageFaults(process) - page_faults) / count;
     return sample;
 }
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -24,6 +25,25 @@ double SecondsOn(clockid_t clock)
 double SecondsOf(const std::string& nanoseconds)
 {
     return static_cast<double>(std::stoll(nanoseconds)) * 1e-9;
+}
+
+std::string ProcPath(pid_t process, const std::string& file)
+{
+    return "/proc/" + std::to_string(process) + "/" + file;
+}
+
+// Of the numbers that follow these words in a file of /proc.
+double SumOf(const std::string& path, const std::set<std::string>& words)
+{
+    std::ifstream file(path);
+    double sum = 0;
+    std::string word;
+    while (file >> word) {
+        double number = 0;
+        if (words.count(word) != 0 && file >> number)
+            sum += number;
+    }
+    return sum;
 }
 
 std::string PathOf(const std::string& program)
@@ -76,17 +96,28 @@ double ProcessorSeconds(pid_t process)
     return SecondsOn(clock);
 }
 
+double Waits(pid_t process)
+{
+    double waits = 0;
+    for (const auto& task : std::filesystem::directory_iterator(ProcPath(process, "task")))
+        waits += SumOf(task.path() / "status", {"voluntary_ctxt_switches:"});
+    return waits;
+}
+
+double PageFaults(pid_t process)
+{
+    // The tenth field; the second, in parentheses, is the name of a server, which has no spaces.
+    std::ifstream stat(ProcPath(process, "stat"));
+    std::string field;
+    for (int i = 0; i < 10; ++i)
+        stat >> field;
+    return std::stod(field);
+}
+
 double PrivateBytes(pid_t process)
 {
-    std::ifstream rollup("/proc/" + std::to_string(process) + "/smaps_rollup");
-    double bytes = 0;
-    std::string word;
-    while (rollup >> word) {
-        double kibibytes = 0;
-        if ((word == "Private_Clean:" || word == "Private_Dirty:") && rollup >> kibibytes)
-            bytes += kibibytes * 1024;
-    }
-    return bytes;
+    constexpr double kib = 1024;
+    return SumOf(ProcPath(process, "smaps_rollup"), {"Private_Clean:", "Private_Dirty:"}) * kib;
 }
 
 const std::vector<ServerKind>& ServerKinds()

@@ -16,6 +16,12 @@ double Now();
 /// Seconds of processor time that a process has used so far.
 double ProcessorSeconds(pid_t process);
 
+/// How often all threads of a process have waited so far: its voluntary context switches.
+double Waits(pid_t process);
+
+/// Pages that a process has touched for the first time so far.
+double PageFaults(pid_t process);
+
 /// Bytes of memory that a process shares with no other.
 double PrivateBytes(pid_t process);
 
