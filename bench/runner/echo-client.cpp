@@ -31,7 +31,7 @@ public:
         const MessagePtr call(raw);
         Checked(sd_bus_message_append_array(call.get(), 'y', data.data(), data.size()),
                 "making a call");
-        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_error error{};
         sd_bus_message* raw_reply = nullptr;
         if (sd_bus_call(m_bus.get(), call.get(), 0, &error, &raw_reply) < 0) {
             const std::string text = error.message != nullptr ? error.message : "no reason given";

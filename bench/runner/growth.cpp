@@ -70,7 +70,7 @@ private:
     void Settle()
     {
         for (const auto& client : m_clients) {
-            sd_bus_error error = SD_BUS_ERROR_NULL;
+            sd_bus_error error{};
             const int result = sd_bus_call_method(m_bus.get(), client->Name().c_str(),
                                                   names::Path(m_service.Channel()).c_str(),
                                                   "org.freedesktop.DBus.Properties", "GetAll",
