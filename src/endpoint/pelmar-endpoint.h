@@ -86,7 +86,8 @@ public:
         std::shared_ptr<State> m_state;
     };
 
-    /// What the application wants to be told. Any of them may be empty.
+    /// What the application wants to be told. Any of them may be empty. They may be called before
+    /// the constructor has returned.
     struct Handlers {
         /// Answers a partner's message: the result is the reply. To throw a std::exception fails
         /// the caller's call with its text. When empty, and deferred_message is too, calls fail.

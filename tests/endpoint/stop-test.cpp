@@ -323,15 +323,20 @@ TEST_F(StopTest, UnderTrafficEndsEveryTime)
         return data;
     };
     handlers.notification = [&](Bytes&) {};
+    // A partner may be ready before the constructor returns.
+    std::atomic<PelmarEndpoint*> endpoint{nullptr};
     handlers.ready = [&](const std::string& partner) {
-        m_endpoint->Request({}, partner, std::chrono::seconds(10),
-                            [](const PelmarEndpoint::Response&) {});
-        m_endpoint->Notify(BytesOf("hello"), partner);
+        if (endpoint == nullptr)
+            return;
+        endpoint.load()->Request({}, partner, std::chrono::seconds(10),
+                                 [](const PelmarEndpoint::Response&) {});
+        endpoint.load()->Notify(BytesOf("hello"), partner);
     };
     handlers.lost = [&](const std::string&) {};
     for (int round = 0; round < rounds; ++round) {
         const int before = messages;
         m_endpoint = std::make_unique<PelmarEndpoint>(CHANNEL, handlers);
+        endpoint = m_endpoint.get();
         std::thread caller([&] {
             while (m_endpoint->Notify(BytesOf("all")) != Status::stopped)
                 m_partner.Settle();
@@ -343,6 +348,7 @@ TEST_F(StopTest, UnderTrafficEndsEveryTime)
             ASSERT_TRUE(std::async(std::launch::async, [&] { return m_endpoint->Stop(); }).get());
         }
         caller.join();
+        endpoint = nullptr;
         m_endpoint.reset();
     }
     over = true;
