@@ -8,17 +8,16 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <map>
 #include <mutex>
-#include <stdexcept>
 #include <utility>
 
 #include "async-calls.h"
 #include "bus-session.h"
 #include "byte-variant.h"
+#include "channel-names.h"
 #include "event-loop.h"
 #include "gio-handles.h"
 
@@ -28,8 +27,6 @@
 namespace {
 
 using std::chrono::milliseconds;
-
-constexpr std::size_t LONGEST_CHANNEL_NAME = 222;
 
 // What a queued notification costs beyond its bytes, about.
 constexpr std::size_t MESSAGE_OVERHEAD = 512;
@@ -44,43 +41,6 @@ constexpr int PATIENT_RECONNECTS = 5;
 constexpr std::chrono::seconds FIRST_CONNECT_PATIENCE{25};
 
 constexpr const char* FAILED = "org.vaska.pelmar.Error.Failed";
-
-std::string Shown(char character)
-{
-    if (g_ascii_isprint(character))
-        return {character};
-    char text[5];
-    std::snprintf(text, sizeof(text), "\\x%02x", static_cast<unsigned>(character) & 0xffU);
-    return text;
-}
-
-// Its letters as they are, also those that no channel name may have.
-std::string Shown(const std::string& name)
-{
-    std::string shown;
-    for (const char character : name)
-        shown += g_ascii_iscntrl(character) ? Shown(character) : std::string(1, character);
-    return shown;
-}
-
-void CheckChannelName(const std::string& name)
-{
-    const auto refuse = [&name](const std::string& fault) {
-        throw std::invalid_argument("channel name '" + Shown(name) + "' " + fault +
-                                    "; use 1 to 222 letters, digits and underscores, the first "
-                                    "not a digit");
-    };
-    if (name.empty())
-        refuse("is empty");
-    if (name.size() > LONGEST_CHANNEL_NAME)
-        refuse("has " + std::to_string(name.size()) + " characters");
-    if (g_ascii_isdigit(name.front()))
-        refuse("begins with a digit");
-    for (const char character : name) {
-        if (!g_ascii_isalnum(character) && character != '_')
-            refuse("contains '" + Shown(character) + "'");
-    }
-}
 
 int CallTimeout(milliseconds timeout)
 {

@@ -3,25 +3,26 @@
 
 #include "role-channel.h"
 
+#include <array>
 #include <utility>
 
 #include "byte-variant.h"
+#include "channel-scheme.h"
 #include "gio-handles.h"
-#include "pelmar-dbus-local.h"
 
 #ifdef PELMAR_ROLE_CLIENT
 inline namespace pelmar_client {
 #endif
 
-class PelmarRoleChannel final : public RoleChannel, private PelmarDbusLocal {
+class PelmarChannelAccess::EndpointChannel final : public RoleChannel, private PelmarDbusLocal {
 public:
-    PelmarRoleChannel(const std::string& channel, ChannelEvents& events)
+    EndpointChannel(const std::string& channel, ChannelEvents& events)
         : PelmarDbusLocal(channel), m_events(events)
     {
         ExportOwnObject();
     }
 
-    ~PelmarRoleChannel() override
+    ~EndpointChannel() override
     {
         // The base class hands these ids to the wrong release call and leaves the object exported.
         for (guint* id :
@@ -31,20 +32,8 @@ public:
             g_dbus_connection_unregister_object(m_connection, m_reg_obj_id);
     }
 
-    PelmarRoleChannel(const PelmarRoleChannel&) = delete;
-    PelmarRoleChannel& operator=(const PelmarRoleChannel&) = delete;
-
-    static ChannelNames NamesOf(const std::string& channel)
-    {
-        const std::string base = std::string(PELMAR_DBUS_PREFIX) + "." + channel;
-        const auto names = [&base](const char* side) {
-            return std::array<std::string, ALL_STAGES.size()>{
-                base + side + PELMAR_DBUS_SYN_SUFFIX, base + side + PELMAR_DBUS_SYNACK_SUFFIX,
-                base + side + PELMAR_DBUS_ACK_SUFFIX};
-        };
-        return {names(BROADCAST_PREFIX), names(LISTEN_PREFIX),
-                std::string(PELMAR_DBUS_OBJ_NAME) + "/" + channel, PELMAR_DBUS_OBJ_IFACE};
-    }
+    EndpointChannel(const EndpointChannel&) = delete;
+    EndpointChannel& operator=(const EndpointChannel&) = delete;
 
     bool HasObject() const override { return m_reg_obj_id != 0; }
 
@@ -72,7 +61,7 @@ public:
     {
         constexpr std::array<GDBusSignalCallback, ALL_STAGES.size()> handlers = {
             cb_SynNameOwnerChanged, cb_SynAckNameOwnerChanged, cb_AckNameOwnerChanged};
-        const std::string name = NamesOf(m_name).peer[IndexOf(stage)];
+        const std::string name = PelmarChannelAccess::NamesOf(m_name).peer[IndexOf(stage)];
         const VariantPtr release(
             g_variant_ref_sink(g_variant_new("(sss)", name.c_str(), partner.c_str(), "")));
         handlers[IndexOf(stage)](m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -110,8 +99,8 @@ private:
                              const gchar* /*method_name*/, GVariant* parameters,
                              GDBusMethodInvocation* invocation, gpointer user_data)
     {
-        static_cast<PelmarRoleChannel*>(user_data)->m_events.OnMessage(
-            pelmar_bytes::From(parameters), invocation);
+        static_cast<EndpointChannel*>(user_data)->m_events.OnMessage(pelmar_bytes::From(parameters),
+                                                                     invocation);
     }
 
     static bool IsWired(const ConnectionPartner& partner)
@@ -128,7 +117,7 @@ namespace {
 
 std::unique_ptr<RoleChannel> Open(const std::string& channel, ChannelEvents& events)
 {
-    return std::make_unique<PelmarRoleChannel>(channel, events);
+    return std::make_unique<PelmarChannelAccess::EndpointChannel>(channel, events);
 }
 
 }  // namespace
@@ -136,9 +125,9 @@ std::unique_ptr<RoleChannel> Open(const std::string& channel, ChannelEvents& eve
 #ifdef PELMAR_ROLE_CLIENT
 }
 
-const ChannelRole CLIENT_CHANNEL = {HandshakeRepair::Role::client, PelmarRoleChannel::NamesOf,
+const ChannelRole CLIENT_CHANNEL = {HandshakeRepair::Role::client, PelmarChannelAccess::NamesOf,
                                     Open};
 #else
-const ChannelRole SERVICE_CHANNEL = {HandshakeRepair::Role::service, PelmarRoleChannel::NamesOf,
+const ChannelRole SERVICE_CHANNEL = {HandshakeRepair::Role::service, PelmarChannelAccess::NamesOf,
                                      Open};
 #endif

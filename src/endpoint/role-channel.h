@@ -4,21 +4,13 @@
 
 #include <gio/gio.h>
 
-#include <array>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "channel-names.h"
 #include "handshake-repair.h"
 #include "stage.h"
-
-// The bus names of a channel's stages and where its object is.
-struct ChannelNames {
-    std::array<std::string, ALL_STAGES.size()> own;
-    std::array<std::string, ALL_STAGES.size()> peer;
-    std::string object_path;
-    std::string interface;
-};
 
 // What a channel tells. Called by the thread that runs its main loop.
 class ChannelEvents {

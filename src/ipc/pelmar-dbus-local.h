@@ -114,8 +114,9 @@ public:
     bool IsConnectionReady(const std::string& owner);
 
 private:
-    // The endpoint's channel: ends it safely and completes handshakes that a lost pulse left open.
-    friend class PelmarRoleChannel;
+    // Says the names below to those who look at a channel from outside; and for the endpoint it
+    // ends the channel safely and completes handshakes that a lost pulse left open.
+    friend class PelmarChannelAccess;
 
     enum {
         CONNECTION_NOT_STARTED = 0,
