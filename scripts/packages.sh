@@ -1,9 +1,11 @@
 # Installing what a script needs, for bash scripts that source this file.
 # shellcheck shell=bash
 
-# What the libraries and the example programs are built with.
+# What the libraries and the example programs are built with, and pelmarctl beyond that.
 # shellcheck disable=SC2034
 build_packages=(g++ cmake ninja-build pkgconf libglib2.0-dev)
+# shellcheck disable=SC2034
+tool_packages=(libcli11-dev nlohmann-json3-dev)
 
 # What the MQTT bridge is built with, and what it is tried out and tested with.
 # shellcheck disable=SC2034

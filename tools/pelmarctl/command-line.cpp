@@ -1,0 +1,58 @@
+#include "command-line.h"
+
+#include "channel-names.h"
+
+namespace {
+
+constexpr double LONGEST_SECONDS = 86400;
+
+}  // namespace
+
+const std::vector<std::pair<std::string, PelmarEndpoint::Role>> ROLE_CHOICES = {
+    {"service", PelmarEndpoint::Role::service}, {"client", PelmarEndpoint::Role::client}};
+
+CLI::Option* AddSeconds(CLI::App& command, const std::string& name, std::optional<double>& value,
+                        double least, const std::string& description)
+{
+    const auto check = [least](const std::string& given) -> std::string {
+        char* end = nullptr;
+        const double seconds = g_ascii_strtod(given.c_str(), &end);
+        if (!given.empty() && *end == '\0' && seconds >= least && seconds <= LONGEST_SECONDS)
+            return {};
+        return "'" + given + "' is no number of seconds " + (least > 0 ? "above" : "from") +
+               " 0 up to 86400";
+    };
+    return command.add_option(name, value, description)->option_text("SECONDS")->check(check);
+}
+
+CLI::Option* AddChannel(CLI::App& command, std::string& channel)
+{
+    const auto check = [](const std::string& name) -> std::string {
+        try {
+            CheckChannelName(name);
+            return {};
+        } catch (const std::invalid_argument& fault) {
+            return fault.what();
+        }
+    };
+    return command.add_option("CHANNEL", channel, "The channel's name")
+        ->option_text(" ")
+        ->check(check);
+}
+
+void AddRole(CLI::App& command, PelmarEndpoint::Role& role)
+{
+    AddChoice(command, "--role", role, ROLE_CHOICES,
+              "Which side to be: service or client (the default)")
+        ->option_text("ROLE");
+}
+
+void AddFormat(CLI::App& command, Format& format)
+{
+    const std::vector<std::pair<std::string, Format>> formats = {
+        {"raw", Format::raw}, {"line", Format::line}, {"hex", Format::hex}};
+    AddChoice(command, "--format", format, formats,
+              "How bytes are shown: raw, line (raw and a newline) or hex; by default raw, and hex "
+              "on a terminal")
+        ->option_text("FORMAT");
+}

@@ -1,0 +1,63 @@
+// listen: prints the notifications that come.
+
+#include <nlohmann/json.hpp>
+
+#include "command-line.h"
+#include "session.h"
+
+namespace {
+
+struct ListenOptions {
+    std::string channel;
+    PelmarEndpoint::Role role = PelmarEndpoint::Role::client;
+    Format format = Format::automatic;
+    std::size_t count = 0;
+};
+
+Exit Listen(Tool& tool, const ListenOptions& options)
+{
+    std::size_t seen = 0;
+    const auto is_done = [&] { return options.count != 0 && seen == options.count; };
+    const auto show = [&](const Bytes& data) {
+        if (is_done())
+            return;
+        ++seen;
+        if (tool.output.IsJson()) {
+            Json record = JsonRecord();
+            record["event"] = "notification";
+            AddBytes(record, data);
+            tool.output.Write(record);
+        } else {
+            tool.output.WriteData(data, options.format);
+        }
+    };
+    PelmarEndpoint::Handlers handlers;
+    handlers.notification = [&](Bytes& data) {
+        tool.queue.Post([&show, taken = std::move(data)] { show(taken); });
+    };
+    handlers.ready = [&](const std::string& partner) {
+        tool.output.Note("listening to " + partner);
+    };
+    handlers.lost = [&](const std::string& partner) { tool.output.Note(partner + " is lost"); };
+    const Session session(tool, options.channel, options.role, handlers);
+    if (!tool.queue.Wait(is_done, tool.OptionalDeadline()) && options.count != 0)
+        throw Failure(Exit::timeout, "only " + std::to_string(seen) + " of " +
+                                         Count(options.count, "notification") +
+                                         " came within the timeout");
+    return Exit::ok;
+}
+
+}  // namespace
+
+void AddListen(CLI::App& app, Command& chosen)
+{
+    const auto options = std::make_shared<ListenOptions>();
+    CLI::App* command = AddCommand(app, chosen, "listen", "Print the notifications that come",
+                                   "pelmarctl listen demo -n 1", options, Listen);
+    AddChannel(*command, options->channel)->required();
+    command->add_option("-n,--count", options->count, "End after this many")
+        ->option_text("COUNT")
+        ->check(CLI::PositiveNumber);
+    AddFormat(*command, options->format);
+    AddRole(*command, options->role);
+}

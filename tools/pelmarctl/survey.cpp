@@ -1,0 +1,217 @@
+#include "survey.h"
+
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+#include "stage-names.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// A process that runs answers within a fraction of this.
+constexpr milliseconds PATIENCE{1000};
+
+std::vector<std::string> ChildrenIn(const Answer& answer)
+{
+    std::vector<std::string> children;
+    if (answer.value == nullptr ||
+        g_variant_is_of_type(answer.value.get(), G_VARIANT_TYPE("(s)")) == FALSE)
+        return children;
+    const gchar* xml = nullptr;
+    g_variant_get(answer.value.get(), "(&s)", &xml);
+    const std::unique_ptr<GDBusNodeInfo, decltype(&g_dbus_node_info_unref)> node(
+        g_dbus_node_info_new_for_xml(xml, nullptr), g_dbus_node_info_unref);
+    if (node == nullptr || node->nodes == nullptr)
+        return children;
+    for (GDBusNodeInfo** child = node->nodes; *child != nullptr; ++child) {
+        if ((*child)->path != nullptr)
+            children.emplace_back((*child)->path);
+    }
+    return children;
+}
+
+// GIO answers this by itself, but in the main loop of the channel.
+BusCall GetAll(const std::string& name, const std::string& channel)
+{
+    return {name, ObjectPath(channel), "org.freedesktop.DBus.Properties", "GetAll",
+            g_variant_new("(s)", ChannelInterface())};
+}
+
+ObjectState StateOf(const Answer& answer)
+{
+    if (answer.value != nullptr)
+        return ObjectState::alive;
+    if (IsSilent(answer))
+        return ObjectState::silent;
+    if (Is(answer, G_DBUS_ERROR_ACCESS_DENIED))
+        return ObjectState::refused;
+    return ObjectState::no_interface;
+}
+
+std::vector<ChannelObject> FindObjects(Bus& bus, const std::set<std::string>& known, Survey& survey)
+{
+    std::vector<BusCall> calls;
+    for (const std::string& name : survey.names)
+        calls.push_back(
+            {name, ObjectRoot(), "org.freedesktop.DBus.Introspectable", "Introspect", nullptr});
+    const std::vector<Answer> answers = bus.CallAll(calls, PATIENCE);
+    std::vector<ChannelObject> candidates;
+    for (std::size_t i = 0; i < answers.size(); ++i) {
+        const std::string& name = survey.names[i];
+        for (const std::string& channel : ChildrenIn(answers[i]))
+            candidates.push_back({channel, name, ObjectState::no_interface, {}});
+        if (IsSilent(answers[i]))
+            survey.silent.push_back(name);
+        if (!Is(answers[i], G_DBUS_ERROR_ACCESS_DENIED))
+            continue;
+        ++survey.refused;
+        for (const std::string& channel : known)
+            candidates.push_back({channel, name, ObjectState::none, {}});
+    }
+    return candidates;
+}
+
+// Of those that were not seen but guessed only what answers is an object.
+void AskObjects(Bus& bus, std::vector<ChannelObject>& candidates)
+{
+    std::vector<BusCall> calls;
+    for (const ChannelObject& candidate : candidates)
+        calls.push_back(GetAll(candidate.name, candidate.channel));
+    const std::vector<Answer> answers = bus.CallAll(calls, PATIENCE);
+    for (std::size_t i = 0; i < answers.size(); ++i) {
+        ChannelObject& candidate = candidates[i];
+        const ObjectState state = StateOf(answers[i]);
+        const bool was_seen = candidate.state != ObjectState::none;
+        candidate.state = was_seen || state == ObjectState::alive ? state : ObjectState::none;
+    }
+    candidates.erase(std::remove_if(candidates.begin(), candidates.end(),
+                                    [](const ChannelObject& candidate) {
+                                        return candidate.state == ObjectState::none;
+                                    }),
+                     candidates.end());
+}
+
+void AskCredentials(Bus& bus, std::vector<ChannelObject>& objects)
+{
+    std::vector<BusCall> calls;
+    for (const ChannelObject& object : objects)
+        calls.push_back(
+            Bus::DaemonCall("GetConnectionCredentials", g_variant_new("(s)", object.name.c_str())));
+    const std::vector<Answer> answers = bus.CallAll(calls, PATIENCE);
+    for (std::size_t i = 0; i < answers.size(); ++i)
+        objects[i].credentials = Bus::CredentialsIn(answers[i]);
+}
+
+// "type='signal',arg0='x'"; the values here have neither commas nor quotes.
+MatchRules::Rule ParseRule(const std::string& text)
+{
+    MatchRules::Rule rule;
+    for (std::size_t start = 0; start < text.size();) {
+        const std::size_t equals = text.find("='", start);
+        const std::size_t end = text.find('\'', equals == std::string::npos ? equals : equals + 2);
+        if (equals == std::string::npos || end == std::string::npos)
+            break;
+        rule[text.substr(start, equals - start)] = text.substr(equals + 2, end - equals - 2);
+        start = end + 2;
+    }
+    return rule;
+}
+
+std::string ValueIn(const MatchRules::Rule& rule, const char* key)
+{
+    const auto found = rule.find(key);
+    return found != rule.end() ? found->second : "";
+}
+
+}  // namespace
+
+std::optional<MatchRules> MatchRules::Read(Bus& bus)
+{
+    BusCall call = Bus::DaemonCall("GetAllMatchRules");
+    call.interface = "org.freedesktop.DBus.Debug.Stats";
+    const Answer answer = bus.Call(call, PATIENCE);
+    if (answer.value == nullptr ||
+        g_variant_is_of_type(answer.value.get(), G_VARIANT_TYPE("(a{sas})")) == FALSE)
+        return std::nullopt;
+    MatchRules rules;
+    GVariantIter* connections = nullptr;
+    g_variant_get(answer.value.get(), "(a{sas})", &connections);
+    const gchar* name = nullptr;
+    GVariantIter* texts = nullptr;
+    while (g_variant_iter_loop(connections, "{&sas}", &name, &texts) != FALSE) {
+        std::vector<Rule>& parsed = rules.m_rules[name];
+        const gchar* text = nullptr;
+        while (g_variant_iter_next(texts, "&s", &text) != FALSE)
+            parsed.push_back(ParseRule(text));
+    }
+    g_variant_iter_free(connections);
+    return rules;
+}
+
+bool MatchRules::TakesPart(const std::string& name, const std::string& channel,
+                           PelmarEndpoint::Role role) const
+{
+    const auto found = m_rules.find(name);
+    if (found == m_rules.end())
+        return false;
+    const auto other =
+        role == PelmarEndpoint::Role::service ? BOTH_ROLES.back() : BOTH_ROLES.front();
+    const StageNames watched(channel, other);
+    return std::any_of(found->second.begin(), found->second.end(), [&](const Rule& rule) {
+        const auto names = watched.All();
+        return std::find(names.begin(), names.end(), ValueIn(rule, "arg0")) != names.end();
+    });
+}
+
+std::set<std::string> MatchRules::Members(const std::string& channel) const
+{
+    std::set<std::string> members;
+    for (const auto& [name, rules] : m_rules) {
+        for (const PelmarEndpoint::Role role : BOTH_ROLES) {
+            if (TakesPart(name, channel, role))
+                members.insert(name);
+        }
+    }
+    return members;
+}
+
+std::set<std::string> MatchRules::WiredBy(const std::string& name, const std::string& channel) const
+{
+    std::set<std::string> partners;
+    const auto found = m_rules.find(name);
+    if (found == m_rules.end())
+        return partners;
+    for (const Rule& rule : found->second) {
+        const std::string sender = ValueIn(rule, "sender");
+        if (!sender.empty() && sender.front() == ':' &&
+            ValueIn(rule, "path") == ObjectPath(channel))
+            partners.insert(sender);
+    }
+    return partners;
+}
+
+std::size_t MatchRules::CountOf(const std::string& name) const
+{
+    const auto found = m_rules.find(name);
+    return found != m_rules.end() ? found->second.size() : 0;
+}
+
+Survey TakeSurvey(Bus& bus, const std::set<std::string>& known)
+{
+    Survey survey;
+    const std::string own = bus.UniqueName();
+    for (std::string& name : bus.Names()) {
+        if (name.front() == ':' && name != own)
+            survey.names.push_back(std::move(name));
+    }
+    survey.objects = FindObjects(bus, known, survey);
+    AskObjects(bus, survey.objects);
+    AskCredentials(bus, survey.objects);
+    std::sort(survey.objects.begin(), survey.objects.end(),
+              [](const ChannelObject& one, const ChannelObject& other) {
+                  return std::tie(one.channel, one.name) < std::tie(other.channel, other.name);
+              });
+    return survey;
+}

@@ -1,0 +1,64 @@
+// Who is on which channel now, as far as the bus lets this process see.
+#ifndef PELMARCTL_SURVEY_H
+#define PELMARCTL_SURVEY_H
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "bus.h"
+#include "pelmar-endpoint.h"
+
+// A channel's object as one process has it.
+enum class ObjectState {
+    none,
+    alive,         // its main loop answers
+    no_interface,  // something else is at the path
+    silent,        // its main loop does not answer
+    refused,       // the policy does not let this process ask
+};
+
+struct ChannelObject {
+    std::string channel;
+    std::string name;
+    ObjectState state = ObjectState::none;
+    Credentials credentials;
+};
+
+// The match rules of every connection, by its unique name: what it listens to.
+class MatchRules {
+public:
+    using Rule = std::map<std::string, std::string>;
+
+    // Nothing when the daemon does not tell, or not to this user.
+    static std::optional<MatchRules> Read(Bus& bus);
+
+    // Who watches a channel's names as the given role does.
+    bool TakesPart(const std::string& name, const std::string& channel,
+                   PelmarEndpoint::Role role) const;
+    std::set<std::string> Members(const std::string& channel) const;
+
+    // Those whose signals it listens to on the channel: that is what it does from the moment when
+    // it has seen the other's pulse.
+    std::set<std::string> WiredBy(const std::string& name, const std::string& channel) const;
+
+    std::size_t CountOf(const std::string& name) const;
+
+private:
+    std::map<std::string, std::vector<Rule>> m_rules;
+};
+
+struct Survey {
+    std::vector<ChannelObject> objects;  // ordered by channel, then name
+    std::size_t refused = 0;             // connections that could not be asked
+    std::vector<std::string> silent;     // connections that did not answer
+    std::vector<std::string> names;      // every connection but this one
+};
+
+// Asks everybody on the bus. What the policy hides of the channels in general is asked for the
+// channels in `known`.
+Survey TakeSurvey(Bus& bus, const std::set<std::string>& known);
+
+#endif
