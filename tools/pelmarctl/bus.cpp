@@ -160,9 +160,11 @@ Answer Bus::CallDaemon(const std::string& method, GVariant* parameters)
     return Call(DaemonCall(method, parameters), DAEMON_PATIENCE);
 }
 
-void Bus::Settle()
+void Bus::Settle(milliseconds timeout)
 {
-    CallDaemon("GetId");
+    const Answer answer = Call(DaemonCall("GetId"), timeout);
+    if (answer.value == nullptr)
+        throw Failure(Exit::bus, "the bus does not answer: " + TextOf(answer));
 }
 
 std::vector<std::string> Bus::Names()
@@ -239,5 +241,5 @@ void Bus::WatchOwners(std::function<void(const OwnerChange& change)> seen)
     m_subscription = g_dbus_connection_signal_subscribe(
         m_connection.get(), DAEMON, DAEMON, "NameOwnerChanged", DAEMON_PATH, nullptr,
         G_DBUS_SIGNAL_FLAGS_NONE, cb_OwnerChanged, this, nullptr);
-    Settle();
+    Settle(DAEMON_PATIENCE);
 }

@@ -71,8 +71,9 @@ public:
 
     static BusCall DaemonCall(const std::string& method, GVariant* parameters = nullptr);
 
-    // Returns when the daemon has dealt with all that was sent before.
-    void Settle();
+    // Returns when the daemon has dealt with all that was sent before. Throws Failure when it does
+    // not say so within the time.
+    void Settle(std::chrono::milliseconds timeout);
 
     std::vector<std::string> Names();
     std::optional<std::string> OwnerOf(const std::string& name);

@@ -142,7 +142,7 @@ void CheckPair(Report& report, const Scene& scene, const std::optional<MatchRule
 // Who was taken for a partner by its pulse, and is no side of the channel.
 void CheckLoneWires(Report& report, const Scene& scene)
 {
-    const std::set<std::string> members = scene.Members();
+    const std::set<std::string> members = scene.rules->Members(scene.channel);
     for (const std::string& name : members) {
         for (const std::string& partner : scene.rules->WiredBy(name, scene.channel)) {
             if (members.count(partner) != 0 || partner == scene.bus.UniqueName())

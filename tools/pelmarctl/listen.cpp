@@ -39,7 +39,9 @@ Exit Listen(Tool& tool, const ListenOptions& options)
         tool.output.Note("listening to " + partner);
     };
     handlers.lost = [&](const std::string& partner) { tool.output.Note(partner + " is lost"); };
-    const Session session(tool, options.channel, options.role, handlers);
+    Session session(tool, options.channel, options.role, handlers);
+    tool.output.Note("on channel " + options.channel + " as " + NameOf(options.role) + " " +
+                     session.TheBus().UniqueName());
     if (!tool.queue.Wait(is_done, tool.OptionalDeadline()) && options.count != 0)
         throw Failure(Exit::timeout, "only " + std::to_string(seen) + " of " +
                                          Count(options.count, "notification") +

@@ -80,8 +80,8 @@ Exit Notify(Tool& tool, const NotifyOptions& options)
             tool.output.Write(record);
         }
     }
-    // It is on its way; the connection must not end before the daemon has taken it.
-    session.TheBus().Settle();
+    // Until now it is on its way.
+    session.TheBus().Settle(tool.Timeout());
     return Exit::ok;
 }
 

@@ -202,7 +202,6 @@ Exit Serve(Tool& tool, const ServeOptions& options)
         // Who types ends the program so; a service whose input is /dev/null goes on.
         [&] { is_over = isatty(STDIN_FILENO) == 1; });
     tool.queue.Wait([&] { return is_over; }, tool.OptionalDeadline());
-    session.TheBus().Settle();
     return Exit::ok;
 }
 

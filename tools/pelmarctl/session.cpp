@@ -13,6 +13,9 @@ using std::chrono::milliseconds;
 // within this of each other.
 constexpr milliseconds QUIET_TIME{100};
 
+// A bus that hangs does not keep the program from ending.
+constexpr milliseconds FAREWELL{500};
+
 std::string Joined(const std::vector<std::string>& names)
 {
     std::string text;
@@ -97,6 +100,16 @@ Session::Session(Tool& tool, const std::string& channel, Role role,
     PelmarEndpoint::Options options;
     options.role = role;
     m_endpoint = std::make_unique<PelmarEndpoint>(channel, std::move(handlers), options);
+}
+
+Session::~Session()
+{
+    m_endpoint.reset();
+    try {
+        m_bus.Settle(FAREWELL);
+    } catch (...) {
+        m_tool.output.Detail("the bus has not taken everything");
+    }
 }
 
 void Session::OnReady(const std::string& partner)

@@ -24,6 +24,11 @@ public:
     Session(Tool& tool, const std::string& channel, Role role,
             PelmarEndpoint::Handlers handlers = {});
 
+    // Takes the endpoint off the channel; what it still had to say is on the bus afterwards.
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
     PelmarEndpoint& Endpoint() { return *m_endpoint; }
     Bus& TheBus() { return m_bus; }
 
