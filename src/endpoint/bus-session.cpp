@@ -25,18 +25,30 @@ constexpr guint32 DO_NOT_QUEUE = 4;
 struct LimitWatch {
     ContextPtr context;
     std::function<void(const std::string&)> refused;
+
+    // The calls that ask for a match rule; GIO ignores their answers. For GIO's thread alone.
+    std::set<guint32> asked;
 };
+
+bool IsFromDaemon(GDBusMessage* message)
+{
+    return g_strcmp0(g_dbus_message_get_sender(message), "org.freedesktop.DBus") == 0;
+}
 
 GDBusMessage* cb_Message(GDBusConnection* /*connection*/, GDBusMessage* message, gboolean incoming,
                          gpointer user_data)
 {
-    if (incoming == FALSE || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_ERROR)
+    auto* watch = static_cast<LimitWatch*>(user_data);
+    if (incoming == FALSE) {
+        if (g_strcmp0(g_dbus_message_get_member(message), "AddMatch") == 0)
+            watch->asked.insert(g_dbus_message_get_serial(message));
+        return message;
+    }
+    if (!IsFromDaemon(message) || watch->asked.erase(g_dbus_message_get_reply_serial(message)) == 0)
         return message;
     const gchar* error = g_dbus_message_get_error_name(message);
-    if (g_strcmp0(error, "org.freedesktop.DBus.Error.LimitsExceeded") != 0 ||
-        g_strcmp0(g_dbus_message_get_sender(message), "org.freedesktop.DBus") != 0)
+    if (g_strcmp0(error, "org.freedesktop.DBus.Error.LimitsExceeded") != 0)
         return message;
-    const auto* watch = static_cast<LimitWatch*>(user_data);
     const gchar* text = g_dbus_message_get_arg0(message);
     PostTo(watch->context.get(),
            [refused = watch->refused,
@@ -93,9 +105,9 @@ BusSession::~BusSession()
 
 void BusSession::Open()
 {
-    WatchPulses();
     WatchMatchRuleLimit();
     BoundIntake();
+    WatchPulses();
     WatchConnection();
     m_repair.Require(Stage::syn, Clock::now());
     m_channel = m_role.open(m_channel_name, *this);
@@ -366,7 +378,7 @@ void BusSession::LimitMet(const std::string& reason)
     if (m_limit_met)
         return;
     m_limit_met = true;
-    m_events.OnProblem("the bus daemon refused a match rule or another request (" + reason +
+    m_events.OnProblem("the bus daemon refused a match rule (" + reason +
                        "): the end of some partners is noticed only within seconds; raise "
                        "max_match_rules_per_connection in the bus's configuration");
     PollPartners();
