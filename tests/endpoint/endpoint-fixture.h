@@ -117,9 +117,13 @@ public:
     /// Waits until `count` lines start with `prefix`.
     void Await(const std::string& prefix, std::size_t count = 1) const
     {
-        IterateUntil([&] { return Count(prefix) >= count; },
-                     "'" + prefix + "' of the endpoint, " + std::to_string(count) + " times; came" +
-                         testing::PrintToString(All()));
+        try {
+            IterateUntil([&] { return Count(prefix) >= count; }, "");
+        } catch (const std::runtime_error&) {
+            throw std::runtime_error("waited in vain for '" + prefix + "' of the endpoint, " +
+                                     std::to_string(count) + " times; came " +
+                                     testing::PrintToString(All()));
+        }
     }
 
     void Clear()

@@ -1,6 +1,8 @@
 // What somebody has to mend outside the program: names and rules that the bus refuses, limits, two
 // channels of one name in a process; and channel names that cannot be.
 
+#include <future>
+
 #include "bus-monitor.h"
 #include "captured-log.h"
 #include "endpoint-fixture.h"
@@ -110,6 +112,38 @@ TEST_F(AnEndpointWithinTheMatchRuleLimit, NeverAsksTheDaemonWhoIsThere)
         return message.member == "ListNames";
     };
     EXPECT_THAT(monitor.Messages(asks).size(), 0U);
+    EXPECT_EQ(0U, m_news.Count("problem"));
+}
+
+class AnEndpointBeyondAnotherLimit : public EndpointTest {
+protected:
+    AnEndpointBeyondAnotherLimit()
+        : EndpointTest("<limit name=\"max_replies_per_connection\">3</limit>")
+    {
+    }
+};
+
+TEST_F(AnEndpointBeyondAnotherLimit, GetsAnErrorForItsRequestAndDoesNotTakeItForTheMatchRules)
+{
+    Start();
+    BusActor partner(m_bus);
+    partner.Serve(CHANNEL, [](const Bytes& data) { return data; });
+    MakeReady(partner);
+    // Without the partner's answers, which have to wait for the test, the last ones are refused.
+    std::promise<void> first_refused;
+    std::atomic<int> refused{0};
+    std::atomic<int> ended{0};
+    for (int i = 0; i < 8; ++i)
+        m_endpoint->Request({}, partner.UniqueName(), std::chrono::seconds(20),
+                            [&](const PelmarEndpoint::Response& response) {
+                                if (response.status == Status::remote_error && refused++ == 0)
+                                    first_refused.set_value();
+                                ++ended;
+                                WakeTest();
+                            });
+    ASSERT_EQ(std::future_status::ready, first_refused.get_future().wait_for(TEST_DEADLINE));
+    IterateUntil([&] { return ended == 8; }, "the end of all requests");
+    Settle(partner);
     EXPECT_EQ(0U, m_news.Count("problem"));
 }
 
