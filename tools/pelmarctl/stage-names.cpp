@@ -8,7 +8,7 @@ namespace {
 std::array<std::string, ALL_STAGES.size()> NamesOf(const std::string& channel,
                                                    PelmarEndpoint::Role role)
 {
-    const ChannelNames names = PelmarChannelScheme::NamesOf(channel);
+    const ChannelNames names = PelmarChannelAccess::NamesOf(channel);
     return role == PelmarEndpoint::Role::service ? names.own : names.peer;
 }
 
@@ -32,7 +32,7 @@ const char* NameOf(Stage stage)
 
 std::optional<StageName> ParseStageName(const std::string& name)
 {
-    const std::string prefix = std::string(PelmarChannelScheme::NAME_PREFIX) + ".";
+    const std::string prefix = std::string(PelmarChannelAccess::NAME_PREFIX) + ".";
     if (name.compare(0, prefix.size(), prefix) != 0)
         return std::nullopt;
     const std::string rest = name.substr(prefix.size());
@@ -48,16 +48,16 @@ std::optional<StageName> ParseStageName(const std::string& name)
 
 std::string ObjectPath(const std::string& channel)
 {
-    return PelmarChannelScheme::NamesOf(channel).object_path;
+    return PelmarChannelAccess::NamesOf(channel).object_path;
 }
 
 const char* ObjectRoot()
 {
-    return PelmarChannelScheme::OBJECT_ROOT;
+    return PelmarChannelAccess::OBJECT_ROOT;
 }
 
 const char* ChannelInterface()
 {
-    static const std::string interface = PelmarChannelScheme::NamesOf("").interface;
+    static const std::string interface = PelmarChannelAccess::NamesOf("").interface;
     return interface.c_str();
 }
