@@ -162,7 +162,7 @@ void BusSession::BoundIntake()
         self.m_events.OnProblem("messages come in faster than the handlers deal with them: over " +
                                 std::to_string(self.m_intake_bytes) +
                                 " bytes they are refused; make the handlers faster or "
-                                "Options::queue_bytes larger, or find out who sends so much");
+                                "Options::intake_bytes larger, or find out who sends so much");
     });
     const std::shared_ptr<GMainContext> context(g_main_context_ref(m_loop.Context()),
                                                 g_main_context_unref);

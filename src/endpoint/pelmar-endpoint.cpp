@@ -360,7 +360,7 @@ void PelmarEndpoint::Impl::StartSession(Connection connection)
     m_reported_failure.clear();
     g_dbus_connection_set_exit_on_close(connection.get(), m_options.exit_when_bus_dies);
     m_session = std::make_shared<BusSession>(connection.get(), m_role, m_channel,
-                                             m_options.queue_bytes, m_loop, m_calls, *this);
+                                             m_options.intake_bytes, m_loop, m_calls, *this);
     m_session->Open();
     {
         const Lock lock(m_mutex);

@@ -117,12 +117,15 @@ public:
     struct Options {
         Role role = Role::service;
 
-        /// How many bytes of messages and notifications may wait, in each direction. Memory stays
-        /// bounded by it. Outwards, what is over it is queue_full to the caller: a partner or the
-        /// daemon does not read. Inwards, a message is refused with an error (Status::remote_error
-        /// to the one who sent it), a notification is dropped, and `problem` is told: the handlers
-        /// are too slow for what comes in. A message waits until it is answered.
+        /// How many bytes of notifications may wait until the bus daemon has taken them; what is
+        /// over it is queue_full to the caller. Memory stays bounded by it when a partner or the
+        /// daemon stops reading.
         std::size_t queue_bytes = 64UL * 1024 * 1024;
+
+        /// How many bytes of messages and notifications may wait for the handlers, a message until
+        /// it is answered. Over it a message is refused with an error (Status::remote_error to the
+        /// one who sent it), a notification is dropped, and `problem` is told.
+        std::size_t intake_bytes = 64UL * 1024 * 1024;
 
         /// GLib's default for a program that lives by the bus: SIGTERM when the daemon dies.
         bool exit_when_bus_dies = false;

@@ -90,13 +90,13 @@ ADoctor.FindsThatTheDaemonHasEnded()
 {
     kill -KILL "$bus"
     wait "$bus" || true
-    expect_cause 6 bus "nobody listens on $processes_dir/bus: the bus daemon that made it has ended"
+    expect_cause 6 bus "nobody listens on ${DBUS_SYSTEM_BUS_ADDRESS#unix:path=}: the bus daemon that made it has ended"
 }
 
 ADoctor.FindsThatTheDaemonHangs()
 {
     kill -STOP "$bus"
-    expect_cause 6 bus "who listens on $processes_dir/bus does not let this process in" \
+    expect_cause 6 bus "who listens on ${DBUS_SYSTEM_BUS_ADDRESS#unix:path=} does not let this process in" \
         --timeout 0.2
 }
 

@@ -123,7 +123,7 @@ private:
     static PelmarEndpoint::Options Options()
     {
         PelmarEndpoint::Options options;
-        options.queue_bytes = 8UL * 1024 * 1024;
+        options.intake_bytes = 8UL * 1024 * 1024;
         return options;
     }
 
