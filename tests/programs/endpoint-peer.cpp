@@ -74,7 +74,8 @@ bool Obey(PelmarEndpoint& endpoint, const std::string& line)
 int main(int argc, char** argv)
 {
     if (argc < 3) {
-        std::cerr << "usage: endpoint-peer service|client CHANNEL [--wait | --exit-when-bus-dies]\n";
+        std::cerr
+            << "usage: endpoint-peer service|client CHANNEL [--wait | --exit-when-bus-dies]\n";
         return 2;
     }
     WaitForGo(argc, argv);
