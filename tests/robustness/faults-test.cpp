@@ -141,7 +141,6 @@ public:
     void StopForAWhile(Victim victim, Moment moment)
     {
         ProcessOf(victim).Signal(SIGSTOP);
-        ProcessOf(victim).WaitUntilStopped();
         LeaveHandler(victim);
         if (m_kind == Kind::Endpoint && moment == Moment::Idle)
             ExpectOthersResponsive(victim);

@@ -168,8 +168,12 @@ bool ChildProcess::ReadSome(int timeout_ms)
 
 void ChildProcess::Signal(int signal) const
 {
-    if (m_running)
-        kill(m_pid, signal);
+    if (!m_running)
+        return;
+    kill(m_pid, signal);
+    // Its threads stop one after the other, and so it could still answer.
+    if (signal == SIGSTOP)
+        WaitUntilStopped();
 }
 
 void ChildProcess::WaitUntilStopped() const
