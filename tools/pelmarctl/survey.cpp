@@ -77,6 +77,7 @@ std::vector<ChannelObject> FindObjects(Bus& bus, const std::set<std::string>& kn
 void AskObjects(Bus& bus, std::vector<ChannelObject>& candidates)
 {
     std::vector<BusCall> calls;
+    calls.reserve(candidates.size());
     for (const ChannelObject& candidate : candidates)
         calls.push_back(GetAll(candidate.name, candidate.channel));
     const std::vector<Answer> answers = bus.CallAll(calls, PATIENCE);
@@ -96,6 +97,7 @@ void AskObjects(Bus& bus, std::vector<ChannelObject>& candidates)
 void AskCredentials(Bus& bus, std::vector<ChannelObject>& objects)
 {
     std::vector<BusCall> calls;
+    calls.reserve(objects.size());
     for (const ChannelObject& object : objects)
         calls.push_back(
             Bus::DaemonCall("GetConnectionCredentials", g_variant_new("(s)", object.name.c_str())));
