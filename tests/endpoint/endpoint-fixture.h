@@ -182,15 +182,22 @@ protected:
     void Settle(const BusActor& partner) const
     {
         // What the first round makes the endpoint post to itself is over before the second.
-        for (int round = 0; round < 2; ++round) {
-            GVariant* reply = g_dbus_connection_call_sync(
-                partner.Connection(), OwnName().c_str(), names::Path(CHANNEL).c_str(),
-                "org.freedesktop.DBus.Properties", "GetAll",
-                g_variant_new("(s)", names::INTERFACE.c_str()), nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
-                nullptr, nullptr);
-            ASSERT_NE(nullptr, reply) << "the endpoint's loop does not answer";
+        for (int round = 0; round < 2; ++round)
+            ASSERT_TRUE(AskForProperties(partner, OwnName())) << "the endpoint does not answer";
+    }
+
+    /// A question that the loop of the endpoint at `name` answers after all that came before. False
+    /// when there is no endpoint.
+    static bool AskForProperties(const BusActor& asker, const std::string& name)
+    {
+        GVariant* reply = g_dbus_connection_call_sync(
+            asker.Connection(), name.c_str(), names::Path(CHANNEL).c_str(),
+            "org.freedesktop.DBus.Properties", "GetAll",
+            g_variant_new("(s)", names::INTERFACE.c_str()), nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
+            nullptr, nullptr);
+        if (reply != nullptr)
             g_variant_unref(reply);
-        }
+        return reply != nullptr;
     }
 
     /// The unique name of this process, for its partners.
