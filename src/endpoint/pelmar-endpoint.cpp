@@ -98,7 +98,10 @@ PelmarEndpoint::Response ResponseOf(GVariant* reply, const GError* error)
     const ErrorPtr stripped(error != nullptr ? g_error_copy(error) : nullptr);
     if (stripped != nullptr)
         g_dbus_error_strip_remote_error(stripped.get());
-    return {StatusOf(error), {}, TextOf(stripped.get())};
+    PelmarEndpoint::Response response = ResponseOf(StatusOf(error));
+    if (const std::string text = TextOf(stripped.get()); !text.empty())
+        response.error = text;
+    return response;
 }
 
 }  // namespace
