@@ -13,7 +13,8 @@ start()
     # Made here, so that they are there before the process is.
     : >"$out"
     : >"$err"
-    setpriv --pdeathsig KILL "${@:2}" </dev/null >>"$out" 2>>"$err" &
+    # In a session of its own: the kernel hangs up the whole group of a stopped process.
+    setsid setpriv --pdeathsig KILL "${@:2}" </dev/null >>"$out" 2>>"$err" &
     started=$!
 }
 
