@@ -68,6 +68,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const Environme
         throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
     if (m_pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        // The kernel hangs up the whole process group of a stopped process.
+        setsid();
         if (getppid() != parent)
             _exit(126);
         signal(SIGPIPE, SIG_DFL);
