@@ -1,17 +1,44 @@
 #include "event-loop.h"
 
+#include <atomic>
+
 namespace {
+
+// GLib's locks hand the task over to the thread that runs it; the flag does it for the thread
+// sanitizer, which does not see them.
+class HeldTask {
+public:
+    explicit HeldTask(EventLoop::Task task) : m_task(std::move(task))
+    {
+        m_handed_over.store(true, std::memory_order_release);
+    }
+    ~HeldTask() { TakeOver(); }
+    HeldTask(const HeldTask&) = delete;
+    HeldTask& operator=(const HeldTask&) = delete;
+
+    void Run() const
+    {
+        TakeOver();
+        m_task();
+    }
+
+private:
+    void TakeOver() const { static_cast<void>(m_handed_over.load(std::memory_order_acquire)); }
+
+    const EventLoop::Task m_task;
+    std::atomic<bool> m_handed_over{false};
+};
 
 gboolean RunOnce(gpointer task)
 {
-    (*static_cast<EventLoop::Task*>(task))();
+    static_cast<const HeldTask*>(task)->Run();
     return G_SOURCE_REMOVE;
 }
 
 void Attach(GSource* source, GMainContext* context, EventLoop::Task task)
 {
-    const auto destroy = [](gpointer held) { delete static_cast<EventLoop::Task*>(held); };
-    g_source_set_callback(source, RunOnce, new EventLoop::Task(std::move(task)), destroy);
+    const auto destroy = [](gpointer held) { delete static_cast<HeldTask*>(held); };
+    g_source_set_callback(source, RunOnce, new HeldTask(std::move(task)), destroy);
     g_source_attach(source, context);
 }
 
