@@ -6,4 +6,7 @@
 
 #define PELMAR_API __attribute__((visibility("default")))
 
+/// What lives inside such a class and is no part of the ABI.
+#define PELMAR_HIDDEN __attribute__((visibility("hidden")))
+
 #endif

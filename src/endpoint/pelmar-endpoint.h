@@ -81,7 +81,7 @@ public:
 
     private:
         friend class PelmarEndpoint;
-        struct State;
+        struct PELMAR_HIDDEN State;
         explicit Reply(std::shared_ptr<State> state);
         std::shared_ptr<State> m_state;
     };
@@ -145,9 +145,10 @@ public:
     PelmarEndpoint& operator=(const PelmarEndpoint&) = delete;
 
     /// Takes the endpoint off the channel: waits until no handler runs, and from then on none will.
-    /// Waiting calls of other threads return Status::stopped, as do all later ones. Its object and
-    /// its subscriptions are gone from the process's bus connection afterwards. May be called more
-    /// than once. False, and nothing happens, when called from inside a handler.
+    /// Waiting calls of other threads return Status::stopped, as do all later ones. Notifications
+    /// and answers given before are handed to the bus daemon, unless it takes none for a second.
+    /// Its object and its subscriptions are gone from the process's bus connection afterwards. May
+    /// be called more than once. False, and nothing happens, when called from inside a handler.
     bool Stop();
 
     /// Sends a notification to every ready partner, or to one. Does not wait: ok means that it is
@@ -174,7 +175,7 @@ public:
                  std::function<void(Response response)> done);
 
 private:
-    class Impl;
+    class PELMAR_HIDDEN Impl;
     std::unique_ptr<Impl> m_impl;
 };
 
