@@ -40,6 +40,9 @@ constexpr int PATIENT_RECONNECTS = 5;
 // Longer than a daemon that works takes by far; the constructor does not wait for ever.
 constexpr std::chrono::seconds FIRST_CONNECT_PATIENCE{25};
 
+// How long a stopping endpoint waits for a daemon that has not taken all that was sent.
+constexpr int LAST_WORDS_TIMEOUT_MS = 1000;
+
 constexpr const char* FAILED = "org.vaska.pelmar.Error.Failed";
 
 int CallTimeout(milliseconds timeout)
@@ -242,8 +245,11 @@ private:
     void ConnectionFailed(const std::string& text);
     void StartSession(Connection connection);
     void EndSession();
-    void LeaveBus();
+    void LeaveChannel();
+    void ReleaseConnection();
     void Shutdown();
+    bool MayHaveSent() const;
+    void AwaitTaken();
     void ReportOnce(const std::string& text);
     void Tell(EventLoop::Task event);
     void TellPending();
@@ -282,6 +288,7 @@ private:
     std::string m_reported_failure;
     bool m_was_off_bus = false;
     bool m_confirming = false;
+    bool m_was_asked = false;  // so answers may be on their way
 
     // Guarded by m_mutex.
     mutable std::mutex m_mutex;
@@ -384,7 +391,8 @@ void PelmarEndpoint::Impl::EndSession()
     PELMAR_ERROR("Channel %s: the connection to the bus is lost\n\n", PELMAR_AT(__func__),
                  m_channel.c_str());
     const std::vector<std::string> lost = Partners();
-    LeaveBus();
+    LeaveChannel();
+    ReleaseConnection();
     Tell([this] { Call("bus_lost", m_handlers.bus_lost); });
     for (const std::string& partner : lost)
         Tell([this, partner] { Call("lost", m_handlers.lost, partner); });
@@ -392,11 +400,15 @@ void PelmarEndpoint::Impl::EndSession()
     m_reconnect_timer.Arm(m_reconnect_delay, [this] { Connect(); });
 }
 
-// No reference to the connection is left behind: it would keep a closed one from being renewed.
-void PelmarEndpoint::Impl::LeaveBus()
+void PelmarEndpoint::Impl::LeaveChannel()
 {
     AbandonReplies();
     m_session.reset();
+}
+
+// No reference to the connection is left behind: it would keep a closed one from being renewed.
+void PelmarEndpoint::Impl::ReleaseConnection()
+{
     const Lock lock(m_mutex);
     m_partners.clear();
     m_connection.reset();
@@ -429,13 +441,33 @@ void PelmarEndpoint::Impl::Shutdown()
 {
     m_reconnect_timer.Disarm();
     m_events.clear();
-    LeaveBus();
+    LeaveChannel();
+    AwaitTaken();
+    ReleaseConnection();
     // The callbacks of requests are still owed.
     m_loop.RunUntil([this] { return m_calls.Pending() == 0; });
     // Calls that came before the object went get their error, and GIO frees what it held for the
     // subscriptions.
     m_loop.RunWhatIsReady();
     m_loop.End();
+}
+
+bool PelmarEndpoint::Impl::MayHaveSent() const
+{
+    const Lock lock(m_mutex);
+    return m_connection != nullptr && (m_was_asked || m_unconfirmed != 0);
+}
+
+// A connection that nobody else holds is closed with whatever waits in it. The daemon answers after
+// it has taken everything that was sent before the question.
+void PelmarEndpoint::Impl::AwaitTaken()
+{
+    if (!MayHaveSent())
+        return;
+    AsyncCalls last_words;
+    last_words.Start(m_connection.get(), DaemonMethod("GetId"), nullptr, nullptr,
+                     LAST_WORDS_TIMEOUT_MS, [](GVariant* /*reply*/, const GError* /*error*/) {});
+    m_loop.RunUntil([&last_words] { return last_words.Pending() == 0; });
 }
 
 // ---- Telling the application ---------------------------------------------------------------
@@ -523,6 +555,7 @@ void PelmarEndpoint::Impl::OnNotification(Bytes& data)
 void PelmarEndpoint::Impl::OnMessage(Bytes data, GDBusMethodInvocation* invocation)
 {
     TellPending();
+    m_was_asked = true;
     const Reply reply(std::make_shared<Reply::State>(invocation));
     if (m_handlers.deferred_message) {
         m_open_replies.erase(std::remove_if(m_open_replies.begin(), m_open_replies.end(),
@@ -631,7 +664,7 @@ PelmarEndpoint::Status PelmarEndpoint::Impl::Emit(const Bytes& data,
     return Status::ok;
 }
 
-// The daemon answers after it has taken everything that was sent before the question.
+// See AwaitTaken.
 void PelmarEndpoint::Impl::ConfirmQueue()
 {
     const Lock lock(m_mutex);

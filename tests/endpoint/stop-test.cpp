@@ -137,15 +137,16 @@ TEST_P(AStoppedEndpoint, CancelledNoWatchOfTheApplicationOrOfAnotherEndpoint)
     HoldConnection();
     constexpr std::size_t count = 60;
     std::vector<std::unique_ptr<BusActor>> watched;
+    std::vector<guint> watches;
     std::size_t vanished = 0;
     const auto on_vanished = [](GDBusConnection*, const gchar*, gpointer counter) {
         ++*static_cast<std::size_t*>(counter);
     };
     const auto watch = [&] {
         watched.push_back(std::make_unique<BusActor>(m_bus));
-        g_bus_watch_name_on_connection(m_connection, watched.back()->UniqueName().c_str(),
-                                       G_BUS_NAME_WATCHER_FLAGS_NONE, nullptr, on_vanished,
-                                       &vanished, nullptr);
+        watches.push_back(g_bus_watch_name_on_connection(
+            m_connection, watched.back()->UniqueName().c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
+            nullptr, on_vanished, &vanished, nullptr));
     };
     while (watched.size() < count / 2)
         watch();
@@ -161,6 +162,7 @@ TEST_P(AStoppedEndpoint, CancelledNoWatchOfTheApplicationOrOfAnotherEndpoint)
 
     watched.clear();
     IterateUntil([&] { return vanished == count; }, "all watches to report");
+    std::for_each(watches.begin(), watches.end(), g_bus_unwatch_name);
     // The other endpoint still sees partners come and go.
     BusActor others_partner(m_bus);
     const std::string side = GetParam() == Role::service ? "_CLIENT" : "_SERVICE";
@@ -378,6 +380,33 @@ TEST_F(StopTest, WithoutTrafficEndsEveryTimeWhateverTheHandshakeHasComeTo)
             partner.Pulse(Peers(names::SYN_ACK));
         m_endpoint.reset();
     }
+}
+
+TEST_F(StopTest, LetsWhatWasSentBeforeArrive)
+{
+    constexpr std::size_t count = 8;
+    const Bytes large(1000000, 'x');
+    std::promise<PelmarEndpoint::Reply> asked;
+    PelmarEndpoint::Handlers handlers = m_news.Handlers();
+    handlers.deferred_message = [&](Bytes&, PelmarEndpoint::Reply reply) {
+        asked.set_value(std::move(reply));
+        WakeTest();
+    };
+    Start(Role::service, handlers);
+    MakeReady(m_partner);
+    m_partner.Listen(CHANNEL);
+    const auto call = m_partner.Send(OwnName(), CHANNEL, {});
+    auto reply = asked.get_future();
+    IterateUntil(
+        [&] { return reply.wait_for(std::chrono::seconds(0)) == std::future_status::ready; },
+        "the message");
+    for (std::size_t i = 0; i < count; ++i)
+        EXPECT_EQ(Status::ok, m_endpoint->Notify(large));
+    reply.get().Send(large);
+    EXPECT_TRUE(m_endpoint->Stop());
+    IterateUntil([&] { return call->Done(); }, "the answer");
+    EXPECT_EQ(large, call->reply) << call->error;
+    EXPECT_EQ(count, m_partner.Heard().size());
 }
 
 TEST_F(StopTest, EndsAnEndpointThatIsNotOnTheBus)
