@@ -76,13 +76,27 @@ protected:
         std::unique_ptr<PeerProcess> partner;
         if (PartnerIsFirst())
             partner = std::make_unique<PeerProcess>(PlainRole(Opposite(TheRole())), CHANNEL);
+        const auto start = std::chrono::steady_clock::now();
         EndpointProcess endpoint(NameOf(TheRole()), CHANNEL);
         if (!PartnerIsFirst())
             partner = std::make_unique<PeerProcess>(PlainRole(Opposite(TheRole())), CHANNEL);
         endpoint.WaitForLine("ready ");
         const std::string name = partner->WaitForLine("ready ");
+        m_handshake = std::chrono::steady_clock::now() - start;
         LetRepairsPass();
         return SeenOf(name, endpoint);
+    }
+
+    // A partner that is slow is asked whether it is there, and on a loaded machine each one is slow
+    // now and then. That is no quiet bus.
+    Seen RunEndpointQuietly()
+    {
+        for (int i = 0; i < 20; ++i) {
+            Seen seen = RunEndpoint();
+            if (m_handshake < std::chrono::milliseconds(250))
+                return seen;
+        }
+        throw std::runtime_error("the machine was too slow for a quiet handshake 20 times");
     }
 
     static Role TheRole() { return std::get<Role>(GetParam()); }
@@ -90,12 +104,13 @@ protected:
 
     TestBus m_bus;
     BusMonitor m_monitor{m_bus};
+    std::chrono::steady_clock::duration m_handshake{};
 };
 
 TEST_P(AQuietBus, SeesNothingOfAnEndpointThatItDoesNotSeeOfAPlainChannelButItsMatchRules)
 {
     const Seen plain = RunPlain();
-    const Seen endpoint = RunEndpoint();
+    const Seen endpoint = RunEndpointQuietly();
     EXPECT_EQ(plain.members, endpoint.members);
     EXPECT_EQ(plain.pulses, endpoint.pulses);
     EXPECT_EQ(2U, endpoint.pulses.size());

@@ -7,24 +7,31 @@
 //        status TEXT | partners NAME... | problem TEXT | bus_lost | bus_back | stopped |
 //        stopping
 
+#include <future>
+
 #include "peer-lines.h"
 #include "pelmar-endpoint.h"
 
 namespace {
 
-PelmarEndpoint::Handlers SayEverything()
+// Handlers may run before the endpoint is constructed; their lines come after "on" all the same.
+PelmarEndpoint::Handlers SayEverything(const std::shared_future<void>& on)
 {
+    const auto say = [on](const char* what, const std::string& text = "") {
+        on.wait();
+        Say(what, text);
+    };
     PelmarEndpoint::Handlers handlers;
-    handlers.message = [](Bytes& data) {
-        Say("message", Hex(data));
+    handlers.message = [say](Bytes& data) {
+        say("message", Hex(data));
         return AnswerTo(data);
     };
-    handlers.notification = [](Bytes& data) { Say("notification", Hex(data)); };
-    handlers.ready = [](const std::string& partner) { Say("ready", partner); };
-    handlers.lost = [](const std::string& partner) { Say("lost", partner); };
-    handlers.bus_lost = [] { Say("bus_lost", ""); };
-    handlers.bus_back = [] { Say("bus_back", ""); };
-    handlers.problem = [](const std::string& text) { Say("problem", text); };
+    handlers.notification = [say](Bytes& data) { say("notification", Hex(data)); };
+    handlers.ready = [say](const std::string& partner) { say("ready", partner); };
+    handlers.lost = [say](const std::string& partner) { say("lost", partner); };
+    handlers.bus_lost = [say] { say("bus_lost"); };
+    handlers.bus_back = [say] { say("bus_back"); };
+    handlers.problem = [say](const std::string& text) { say("problem", text); };
     return handlers;
 }
 
@@ -83,8 +90,10 @@ int main(int argc, char** argv)
     if (std::string(argv[1]) == "client")
         options.role = PelmarEndpoint::Role::client;
     options.exit_when_bus_dies = argc > 3 && std::string(argv[3]) == "--exit-when-bus-dies";
-    PelmarEndpoint endpoint(argv[2], SayEverything(), options);
+    std::promise<void> on;
+    PelmarEndpoint endpoint(argv[2], SayEverything(on.get_future()), options);
     Say("on", "");
+    on.set_value();
     std::string line;
     while (std::getline(std::cin, line) && Obey(endpoint, line)) {
     }
