@@ -339,11 +339,11 @@ TEST_P(AnEndpointWhosePulseIsLost, PulsesAgainUntilItShowsAmongPulsesOfTheSameNa
     PeerProcess partner(PlainPartner(), CHANNEL);
     // Whoever else is on this side of the channel pulses and pulses.
     std::atomic<bool> over{false};
-    std::thread pulses([&] {
+    std::thread pulses([&, name = Own(names::SYN)] {
         BusActor rival(m_bus);
         while (!over) {
-            rival.Acquire(Own(names::SYN));
-            rival.Release(Own(names::SYN));
+            rival.Acquire(name);
+            rival.Release(name);
         }
     });
     Start(GetParam());
