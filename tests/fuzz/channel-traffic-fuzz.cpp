@@ -3,6 +3,7 @@
 
 #include "bus-double.h"
 #include "input.h"
+#include "one-by-one.h"
 #include "pelmar-dbus-local.h"
 
 namespace {
@@ -28,7 +29,7 @@ const char* OrEmpty(const gchar* text)
     return text != nullptr ? text : "";
 }
 
-// What there is to deliver, with its body's bytes read one by one, as the channel does not.
+// What there is to deliver.
 struct Delivery {
     explicit Delivery(GDBusMessage* message)
         : sender(OrEmpty(g_dbus_message_get_sender(message))),
@@ -39,14 +40,8 @@ struct Delivery {
         GVariant* found = g_dbus_message_get_body(message);
         body = g_variant_ref_sink(found != nullptr ? found : g_variant_new("()"));
         is_bytes = g_variant_is_of_type(body, G_VARIANT_TYPE("(ay)")) != FALSE;
-        if (!is_bytes)
-            return;
-        GVariantIter* iterator = nullptr;
-        g_variant_get(body, "(ay)", &iterator);
-        guchar byte = 0;
-        while (g_variant_iter_loop(iterator, "y", &byte) != FALSE)
-            bytes.push_back(static_cast<char>(byte));
-        g_variant_iter_free(iterator);
+        if (is_bytes)
+            bytes = BytesOneByOne(body);
     }
     ~Delivery() { g_variant_unref(body); }
     Delivery(const Delivery&) = delete;

@@ -6,6 +6,7 @@
 
 #include "../../src/endpoint/pelmar-endpoint.cpp"
 #include "input.h"
+#include "one-by-one.h"
 
 namespace {
 
@@ -30,26 +31,13 @@ void TryName(const std::string& name)
     FUZZ_ASSERT(refused != MayBeAName(name));
 }
 
-// One by one, as the endpoint does not.
-PelmarEndpoint::Bytes BytesOf(GVariant* reply)
-{
-    PelmarEndpoint::Bytes bytes;
-    GVariantIter* iterator = nullptr;
-    g_variant_get(reply, "(ay)", &iterator);
-    guchar byte = 0;
-    while (g_variant_iter_loop(iterator, "y", &byte) != FALSE)
-        bytes.push_back(static_cast<char>(byte));
-    g_variant_iter_free(iterator);
-    return bytes;
-}
-
 void TryResponse(GVariant* reply, const GError* error)
 {
     const PelmarEndpoint::Response response = ResponseOf(reply, error);
     const bool is_ok = response.status == PelmarEndpoint::Status::ok;
     FUZZ_ASSERT(is_ok == (reply != nullptr));
     FUZZ_ASSERT(is_ok == response.error.empty());
-    FUZZ_ASSERT(!is_ok || BytesOf(reply) == response.data);
+    FUZZ_ASSERT(!is_ok || BytesOneByOne(reply) == response.data);
     FUZZ_ASSERT(std::string(PelmarEndpoint::ToString(response.status)) != "unknown status");
 }
 

@@ -11,8 +11,11 @@
 #include <string>
 #include <vector>
 
-/// How long a test waits for anything before it gives up and says what it was waiting for.
-constexpr std::chrono::seconds TEST_DEADLINE{20};
+#include "setting.h"
+
+/// How long a test waits for anything before it gives up and says what it was waiting for. Under
+/// valgrind everything takes longer.
+inline const std::chrono::seconds TEST_DEADLINE{Setting("PELMAR_TEST_DEADLINE", 20)};
 
 class ChildProcess {
 public:
