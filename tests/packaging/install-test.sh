@@ -25,7 +25,7 @@ configure()  # SOURCE BUILD OPTION...
 install_and_move()  # KIND SHARED
 {
     configure "$root" "$work/$1/build" -DBUILD_SHARED_LIBS="$2" \
-        -DPELMAR_BUILD_TESTS=OFF -DPELMAR_BUILD_EXAMPLES=OFF
+        -DPELMAR_BUILD_TESTS=OFF -DPELMAR_BUILD_EXAMPLES=OFF -DPELMAR_BUILD_TOOLS=OFF
     cmake --build "$work/$1/build" --parallel 2
     rm -rf "$work/$1"/{first,moved}
     cmake --install "$work/$1/build" --prefix "$work/$1/first"
