@@ -64,6 +64,16 @@ void AddCommands(CLI::App& app, Command& chosen)
     AddDoctor(app, chosen);
 }
 
+void AddCommandLine(CLI::App& app, GlobalOptions& options, Tool& tool, Command& chosen)
+{
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
+    app.require_subcommand(1);
+    app.fallthrough();
+    AddGlobalOptions(app, options, tool);
+    AddCommands(app, chosen);
+    app.footer(EXAMPLES);
+}
+
 // What is wrong, in better words than the library's where no command was recognised.
 std::string UsageFault(const CLI::App& app, const CLI::ParseError& error)
 {
@@ -105,12 +115,7 @@ int Run(int argc, char** argv)
     GlobalOptions options;
     Command chosen;
     CLI::App app("See, drive and diagnose a Pelmar channel from the shell.", "pelmarctl");
-    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
-    app.require_subcommand(1);
-    app.fallthrough();
-    AddGlobalOptions(app, options, tool);
-    AddCommands(app, chosen);
-    app.footer(EXAMPLES);
+    AddCommandLine(app, options, tool, chosen);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
