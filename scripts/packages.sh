@@ -18,6 +18,11 @@ bridge_test_packages=(mosquitto mosquitto-clients openssl iproute2 mandoc)
 bench_packages=(libbenchmark-dev nlohmann-json3-dev libcli11-dev libsystemd-dev libsdbus-c++-dev
     libdbus-1-dev valgrind)
 
+# What all the tests are built and run with, but for the benchmarks.
+suite_packages=("${build_packages[@]}" "${tool_packages[@]}" "${bridge_packages[@]}"
+    "${bridge_test_packages[@]}" libgtest-dev libgmock-dev dbus-daemon dbus-system-bus-common
+    libglib2.0-bin systemd jq make man-db)
+
 # install_packages NAME...: installs those Debian packages that are missing, and does nothing when
 # none is.
 install_packages()
