@@ -18,6 +18,12 @@ set logscale y
 plot for [i = 1:8] data . "/send.dat" every ::1 using 0:i + 1:xtic(1) title name(i) \
     linewidth 2 linecolor rgb color(i)
 
+set output plots . "/bridge.svg"
+set title "A round trip of Send through the MQTT bridge"
+array ways[3] = ["through the bridge", "direct", "MQTT alone"]
+plot for [i = 1:3] data . "/bridge.dat" every ::1 using 0:i + 1:xtic(1) title ways[i] \
+    linewidth 2 linecolor rgb color(i == 1 ? 1 : i == 2 ? 3 : 5)
+
 set output plots . "/send-ratio.svg"
 set title "A round trip of Send, as a share of the bare GDBus service's"
 set ylabel "share"

@@ -89,6 +89,18 @@ TEST(AReport, SaysWhatBareGdbusReaches)
     EXPECT_THAT(report::Markdown(results), HasSubstr("| **no** | 0.190 |"));
 }
 
+TEST(AReport, ComparesTheBridgeWithADirectSendAndWithMqttAlone)
+{
+    json results = SendOf16Kib({100}, {100});
+    results.erase("send");
+    results["bridge"]["64"] = {{"bridge", {{"us", {600, 6000}}}},
+                               {"direct", {{"us", {100, 1000}}}},
+                               {"mqtt", {{"us", {120, 1200}}}}};
+    const std::string text = report::Markdown(results);
+    EXPECT_THAT(text, HasSubstr("| bridge / direct | 6.00 |"));
+    EXPECT_THAT(text, HasSubstr("| bridge / mqtt | 5.00 |"));
+}
+
 TEST(AReport, JudgesNothingThatWasNotMeasured)
 {
     EXPECT_TRUE(report::Targets(json::object()).empty());

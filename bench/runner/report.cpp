@@ -25,6 +25,7 @@ const std::string END_MARK = "<!-- end of results -->";
 // The order of the columns and rows, which JSON does not keep.
 const std::vector<std::string> SERVERS = {"channel", "endpoint",  "gdbus",   "gdbus-copy",
                                           "sd-bus",  "sdbus-c++", "libdbus", "unix socket"};
+const std::vector<std::string> WAYS = {"bridge", "direct", "mqtt"};
 
 std::string Format(const char* format, double value)
 {
@@ -240,12 +241,13 @@ std::string ServerTable(
     const std::string& corner, const std::vector<std::string>& keys,
     const std::function<std::string(const std::string&)>& heading,
     const std::function<const json*(const std::string& server, const std::string& key)>& value,
-    const std::function<std::string(const json&)>& text)
+    const std::function<std::string(const json&)>& text,
+    const std::vector<std::string>& servers = SERVERS)
 {
     std::vector<std::string> row = {corner};
     std::transform(keys.begin(), keys.end(), std::back_inserter(row), heading);
     Table table(row);
-    for (const std::string& server : SERVERS) {
+    for (const std::string& server : servers) {
         row = {server};
         bool any = false;
         for (const std::string& key : keys) {
@@ -269,13 +271,14 @@ std::string NumberText(const json& number)
     return Short(number.get<double>());
 }
 
+struct Column {
+    const char* title;
+    const char* key;
+    std::string (*text)(const json& value);
+};
+
 std::string SendTables(const json& results)
 {
-    struct Column {
-        const char* title;
-        const char* key;
-        std::string (*text)(const json& value);
-    };
     constexpr Column columns[] = {
         {"Median, microseconds", "us", MedianText},
         {"99th percentile, microseconds", "p99_us", NumberText},
@@ -300,6 +303,49 @@ std::string SendTables(const json& results)
             column.text);
     }
     return text;
+}
+
+// How many of the base's round trips one through the bridge takes.
+json BridgeShares(const json& bridge)
+{
+    json shares;
+    for (const auto& [size, ways] : bridge.items()) {
+        for (const std::string base : {"direct", "mqtt"})
+            shares[size]["bridge / " + base] =
+                statistics::Ratios(RoundsAt(ways, {"bridge", "us"}), RoundsAt(ways, {base, "us"}));
+    }
+    return shares;
+}
+
+std::string BridgeTables(const json& results)
+{
+    constexpr Column columns[] = {
+        {"Median, microseconds", "us", MedianText},
+        {"99th percentile, microseconds", "p99_us", NumberText},
+        {"Calls a second, one after the other", "per_second", NumberText},
+        {"Processor time a call of the service, or the responder, and of the bridges on the way, "
+         "microseconds",
+         "server_us", MedianText},
+    };
+    const json& bridge = results.at("bridge");
+    const std::vector<std::string> sizes = NumericKeys(bridge);
+    std::string text = "### Round trips through the MQTT bridge\n\n";
+    for (const Column& column : columns) {
+        text += std::string(column.title) + ":\n\n";
+        text += ServerTable(
+            "Way", sizes, SizeText,
+            [&](const std::string& way, const std::string& size) {
+                return Find(bridge, {size, way, column.key});
+            },
+            column.text, WAYS);
+    }
+    const json shares = BridgeShares(bridge);
+    return text + "How many times as long it takes, median of the rounds:\n\n" +
+           ServerTable("", sizes, SizeText,
+                       [&](const std::string& share, const std::string& size) {
+                           return Find(shares, {size, share});
+                       },
+                       MedianText, {"bridge / direct", "bridge / mqtt"});
 }
 
 std::string InstructionTable(const json& results)
@@ -432,13 +478,10 @@ std::string Markdown(const json& results)
         std::string (*text)(const json& results);
     };
     constexpr Section sections[] = {
-        {"send", SendTables},
-        {"instructions", InstructionTable},
-        {"notifications", NotificationTables},
-        {"handshake", HandshakeTable},
-        {"growth", GrowthTable},
-        {"memory", MemoryTable},
-        {"parts", PartsTable},
+        {"send", SendTables},          {"instructions", InstructionTable},
+        {"bridge", BridgeTables},      {"notifications", NotificationTables},
+        {"handshake", HandshakeTable}, {"growth", GrowthTable},
+        {"memory", MemoryTable},       {"parts", PartsTable},
     };
     std::string text = Introduction(results);
     const std::vector<Target> targets = Targets(results);
@@ -462,15 +505,16 @@ std::string Quoted(const std::string& text)
 
 // A line for each key, a column for each server; "?" where there is nothing.
 void WriteServerData(const std::string& file, const json& by_key,
-                     const std::function<std::string(const std::string&)>& label)
+                     const std::function<std::string(const std::string&)>& label,
+                     const std::vector<std::string>& servers = SERVERS)
 {
     std::ofstream data(file);
     data << "key";
-    for (const std::string& server : SERVERS)
+    for (const std::string& server : servers)
         data << " " << Quoted(server);
     for (const std::string& key : NumericKeys(by_key)) {
         data << "\n" << Quoted(label(key));
-        for (const std::string& server : SERVERS) {
+        for (const std::string& server : servers) {
             const Rounds rounds = RoundsAt(by_key, {key, server, "us"});
             data << " " << (rounds.empty() ? "?" : Short(statistics::Median(rounds)));
         }
@@ -484,6 +528,8 @@ void WritePlotData(const json& results, const std::string& folder)
 {
     if (const json* send = Find(results, {"send"}))
         WriteServerData(folder + "/send.dat", *send, SizeText);
+    if (const json* bridge = Find(results, {"bridge"}))
+        WriteServerData(folder + "/bridge.dat", *bridge, SizeText, WAYS);
     if (const json* broadcast = Find(results, {"notifications", "broadcast"}))
         WriteServerData(folder + "/notifications.dat", *broadcast,
                         [](const std::string& count) { return count; });

@@ -64,6 +64,10 @@ const std::vector<Workload>& Workloads()
     static const std::vector<Workload> workloads = {
         {"send", "round trips of Send at growing sizes, one client against every server",
          MeasureSend},
+#ifdef PELMAR_BENCH_BRIDGE
+        {"bridge", "round trips of Send through the MQTT bridge, direct, and of MQTT alone",
+         MeasureBridge},
+#endif
         {"notifications", "notifications of 64 bytes to 1, 10 and 100 partners",
          MeasureNotifications},
         {"handshake", "from a constructor to ready at both ends, in both orders", MeasureHandshake},

@@ -51,6 +51,7 @@ struct Workload {
 const std::vector<Workload>& Workloads();
 
 nlohmann::json MeasureSend(BenchBus& bus, const Effort& effort);
+nlohmann::json MeasureBridge(BenchBus& bus, const Effort& effort);
 nlohmann::json MeasureNotifications(BenchBus& bus, const Effort& effort);
 nlohmann::json MeasureHandshake(BenchBus& bus, const Effort& effort);
 nlohmann::json MeasureGrowth(BenchBus& bus, const Effort& effort);

@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -108,6 +109,16 @@ inline std::string ChannelOf(int argc, char** argv)
     if (argc < 2)
         Die(argv[0], "usage: CHANNEL [OPTION]");
     return argv[1];
+}
+
+/// Serves the channel; what is thrown ends the program with its reason.
+inline void Run(int argc, char** argv, void (*serve)(const std::string& channel))
+{
+    try {
+        serve(ChannelOf(argc, argv));
+    } catch (const std::exception& exception) {
+        Die(argv[0], exception.what());
+    }
 }
 
 }  // namespace server

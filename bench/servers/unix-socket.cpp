@@ -5,9 +5,6 @@
 
 #include <sys/socket.h>
 
-#include <cerrno>
-#include <cstring>
-
 #include "frame.h"
 #include "server.h"
 
@@ -30,22 +27,26 @@ void Relay(int client, int server)
     }
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+void Serve(const std::string& path)
 {
-    const std::string path = server::ChannelOf(argc, argv);
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0)
-        server::Die("socketpair", std::strerror(errno));
+        throw frame::Failure("socketpair");
     const pid_t echo = fork();
     if (echo == 0) {
         close(ends[0]);
         Echo(ends[1]);
-        return 0;
+        return;
     }
     close(ends[1]);
     const int listener = frame::Listen(path);
     server::Say("serving ");
     Relay(accept(listener, nullptr, nullptr), ends[0]);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    server::Run(argc, argv, Serve);
 }
