@@ -15,7 +15,9 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <memory>
 
 #include "bus-actor.h"
@@ -133,7 +135,7 @@ Bytes Buffer(const benchmark::State& state)
 void ConvertFromBus(benchmark::State& state)
 {
     const VariantPtr message = Message(state);
-    for (auto _ : state)
+    for ([[maybe_unused]] const auto turn : state)
         benchmark::DoNotOptimize(pelmar_bytes::From(message.get()));
 }
 
@@ -141,14 +143,14 @@ void ConvertFromBus(benchmark::State& state)
 // pausing the clock would cost more than it does.
 void ConvertHandOver(benchmark::State& state)
 {
-    for (auto _ : state)
+    for ([[maybe_unused]] const auto turn : state)
         Drop(pelmar_bytes::Take(Buffer(state)));
 }
 
 void ConvertCopy(benchmark::State& state)
 {
     const Bytes data = Buffer(state);
-    for (auto _ : state)
+    for ([[maybe_unused]] const auto turn : state)
         Drop(pelmar_bytes::Copy(data));
 }
 
@@ -157,7 +159,7 @@ void DispatchSend(benchmark::State& state)
     const VariantPtr message = Message(state);
     const std::string path = names::Path(CHANNEL);
     auto* channel = static_cast<PelmarDbusLocal*>(&connected->channel);
-    for (auto _ : state)
+    for ([[maybe_unused]] const auto turn : state)
         registered_handler(connected->bus_connection, ":1.1", path.c_str(),
                            names::INTERFACE.c_str(), "Send", message.get(), nullptr, channel);
 }
@@ -165,13 +167,13 @@ void DispatchSend(benchmark::State& state)
 void DispatchNotify(benchmark::State& state)
 {
     Bytes data = Buffer(state);
-    for (auto _ : state)
+    for ([[maybe_unused]] const auto turn : state)
         connected->channel.SendNotification(data, connected->partner.UniqueName());
 }
 
 void HiddenLogLine(benchmark::State& state)
 {
-    for (auto _ : state)
+    for ([[maybe_unused]] const auto turn : state)
         platform_log_print(PLATFORM_LOG_BUFFER_MAIN, PLATFORM_LOG_DEBUG, "kestrin",
                            "%s: %s(%d) > [%s:%d] sender=%s\n\n", __FILE__, __func__, __LINE__,
                            __func__, __LINE__, ":1.1");
@@ -190,16 +192,26 @@ BENCHMARK(DispatchSend)->Apply(Sizes);
 BENCHMARK(DispatchNotify)->Apply(Sizes);
 BENCHMARK(HiddenLogLine);
 
+void Run()
+{
+    // As in production.
+    unsetenv("G_MESSAGES_DEBUG");
+    const TestBus bus;
+    connected = new ConnectedChannel(bus);  // for good, as channels are
+    benchmark::RunSpecifiedBenchmarks();
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    // As in production.
-    unsetenv("G_MESSAGES_DEBUG");
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
-    const TestBus bus;
-    connected = new ConnectedChannel(bus);  // for good, as channels are
-    benchmark::RunSpecifiedBenchmarks();
+    try {
+        Run();
+    } catch (const std::exception& exception) {
+        std::fprintf(stderr, "bench-parts: %s\n", exception.what());
+        return 1;
+    }
 }

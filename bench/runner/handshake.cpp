@@ -37,6 +37,7 @@ nlohmann::json MeasureHandshake(BenchBus& /*bus*/, const Effort& effort)
         cases.push_back({server + ", the service comes", ClientOf(server), KindNamed(server)});
     }
     std::vector<std::unique_ptr<ServerProcess>> residents;
+    residents.reserve(cases.size());
     for (const Case& measured : cases) {
         residents.push_back(std::make_unique<ServerProcess>(
             measured.resident, "hand" + std::to_string(residents.size())));

@@ -161,9 +161,7 @@ std::string ListOfWorkloads()
     return text;
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+int RunCommandLine(int argc, char** argv)
 {
     CLI::App app("Measures the channel and its peers side by side, on one processor.");
     Options options;
@@ -191,11 +189,19 @@ int main(int argc, char** argv)
     app.add_option("--processor", options.processor, "the processor to use; the last one if unset");
     app.footer(ListOfWorkloads());
     CLI11_PARSE(app, argc, argv);
+    std::ofstream file(options.json);
+    if (!file)
+        throw std::runtime_error("cannot write '" + options.json + "'");
+    file << Run(options).dump() << "\n";
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
     try {
-        std::ofstream file(options.json);
-        if (!file)
-            throw std::runtime_error("cannot write '" + options.json + "'");
-        file << Run(options).dump() << "\n";
+        return RunCommandLine(argc, argv);
     } catch (const std::exception& exception) {
         std::cerr << "bench-run: " << exception.what() << "\n";
         return 1;

@@ -57,6 +57,7 @@ nlohmann::json MeasureNotifications(BenchBus& /*bus*/, const Effort& effort)
     Receivers receivers;
     const auto run = [&](const std::function<Sample(ServerProcess&)>& sample) {
         std::vector<Contender> contenders;
+        contenders.reserve(servers.size());
         for (const auto& server : servers)
             contenders.push_back({server->Kind().name, [&] { return sample(*server); }});
         return RunRounds(contenders, effort.rounds);

@@ -66,9 +66,7 @@ bool Run(const Options& options)
     return true;
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+int RunCommandLine(int argc, char** argv)
 {
     CLI::App app("Says what the results of bench-run mean, and which targets hold.");
     Options options;
@@ -81,8 +79,15 @@ int main(int argc, char** argv)
                    "by more than 5 %");
     app.add_option("--write-baseline", options.new_baseline, "write such a file");
     CLI11_PARSE(app, argc, argv);
+    return Run(options) ? 0 : 3;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
     try {
-        return Run(options) ? 0 : 3;
+        return RunCommandLine(argc, argv);
     } catch (const std::exception& exception) {
         std::cerr << "bench-report: " << exception.what() << "\n";
         return 1;

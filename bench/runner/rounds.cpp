@@ -53,6 +53,7 @@ std::vector<double> Microseconds(const std::vector<double>& seconds)
 {
     constexpr double nanoseconds = 1e9;
     std::vector<double> rounded;
+    rounded.reserve(seconds.size());
     for (const double value : seconds)
         rounded.push_back(std::round(value * nanoseconds / 10) / 100);
     return rounded;

@@ -140,6 +140,7 @@ std::vector<ServerKind> KindsNamed(const std::vector<std::string>& names)
     if (names.empty())
         return ServerKinds();
     std::vector<ServerKind> kinds;
+    kinds.reserve(names.size());
     for (const std::string& name : names)
         kinds.push_back(KindNamed(name));
     return kinds;
