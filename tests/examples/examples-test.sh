@@ -6,16 +6,10 @@ set -euo pipefail
 programs=$1
 root=$(realpath "$(dirname "${BASH_SOURCE[0]}")/../..")
 source "$root/scripts/processes.sh"
+source "$root/tests/support/steps.sh"
 export LC_ALL=C.UTF-8
 
 # ---- Steps ----------------------------------------------------------------------------------
-
-fail()
-{
-    echo "FAILED: $*" >&2
-    tail -n 20 "$processes_dir"/*.{out,err} >&2
-    exit 1
-}
 
 serve()
 {
@@ -51,18 +45,6 @@ start_endless_client()
     truncate -s 100G "$processes_dir/endless"
     start_client "$@" "$processes_dir/endless"
     await client "$client" "notification: 65536 bytes in 1 message"
-}
-
-expect_end_of()  # NAME ID STATUS
-{
-    local status=0
-    wait "$2" || status=$?
-    ((status == $3)) || fail "$1 ended with status $status and not with $3"
-}
-
-expect_text()  # NAME out|err TEXT
-{
-    grep -qFe "$3" "$processes_dir/$1.$2" || fail "$1.$2 has no '$3'"
 }
 
 expect_failure()  # NAME ID STATUS TEXT

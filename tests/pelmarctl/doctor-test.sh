@@ -74,7 +74,7 @@ ADoctor.TakesPartWhenItIsTold()
     expect 3 doctor demo --as client
     expect_text ctl out "ok       attempt    ready with $service_name as client"
     await service "$service" "is lost"
-    expect 3 doctor demo --as service --timeout 0.3
+    expect 3 doctor demo --as service --timeout 1
     expect_text ctl out "nobody answers the SYN of a partner as service"
 }
 

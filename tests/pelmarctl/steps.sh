@@ -6,15 +6,9 @@
 pelmarctl=$1
 programs=$2
 source "$root/scripts/processes.sh"
+source "$root/tests/support/steps.sh"
 export LC_ALL=C.UTF-8
 unset NO_COLOR
-
-fail()
-{
-    echo "FAILED: $*" >&2
-    tail -n 20 "$processes_dir"/*.{out,err} >&2
-    exit 1
-}
 
 # expect STATUS ARGUMENT...: runs pelmarctl to its end; what it prints is in ctl.out and ctl.err.
 expect()
@@ -23,18 +17,6 @@ expect()
     timeout 30 setpriv --pdeathsig KILL "$pelmarctl" "${@:2}" \
         >"$processes_dir/ctl.out" 2>"$processes_dir/ctl.err" || status=$?
     ((status == $1)) || fail "pelmarctl ${*:2} ended with status $status and not with $1"
-}
-
-expect_end_of()  # NAME ID STATUS
-{
-    local status=0
-    wait "$2" || status=$?
-    ((status == $3)) || fail "$1 ended with status $status and not with $3"
-}
-
-expect_text()  # NAME out|err TEXT
-{
-    grep -qFe "$3" "$processes_dir/$1.$2" || fail "$1.$2 has no '$3'"
 }
 
 expect_no_text()  # NAME out|err TEXT

@@ -55,8 +55,6 @@ void CheckWatcher(Report& report, const Scene& scene, const std::string& name)
     const std::string who = Describe(scene.bus, name);
     if (Contains(scene.survey.silent, name))
         ReportStuck(report, who);
-    else if (scene.survey.refused != 0)
-        report.Unknown("object", who + " is on the channel; this user may not ask for its object");
     else
         report.Problem(Exit::failure, "object",
                        who + " is on the channel but has no object at " +
@@ -76,6 +74,8 @@ void CheckObject(Report& report, const Scene& scene, const ChannelObject& object
                        "let nobody but the channel use this path");
     else if (object.state == ObjectState::silent)
         ReportStuck(report, who);
+    else if (object.state == ObjectState::refused)
+        report.Unknown("object", who + "; this user may not ask for its object");
     else if (!takes_part)
         report.Problem(Exit::failure, "object",
                        who +
@@ -139,28 +139,33 @@ void CheckPair(Report& report, const Scene& scene, const std::optional<MatchRule
                        "restart one of the two after the other");
 }
 
-// Who was taken for a partner by its pulse, and is no side of the channel.
+// `partner` was taken for one by its pulse, and is no side of the channel.
+void ReportLoneWire(Report& report, const Scene& scene, const std::string& name,
+                    const std::string& partner)
+{
+    if (Contains(scene.survey.names, partner))
+        report.Problem(Exit::no_partner, "handshake",
+                       "half-way: " + name + " has seen a pulse of " +
+                           Describe(scene.bus, partner) +
+                           ", which watches no name of the channel: only its SYN came, and nothing "
+                           "can follow",
+                       "whoever pulses has to watch the other side's names");
+    else
+        report.Problem(
+            Exit::failure, "handshake",
+            name + " still takes " + partner +
+                ", which is gone, for its partner: its match rules are exhausted",
+            "raise max_match_rules_per_connection in a file in /etc/dbus-1/system.d, and "
+            "restart it");
+}
+
 void CheckLoneWires(Report& report, const Scene& scene)
 {
     const std::set<std::string> members = scene.rules->Members(scene.channel);
     for (const std::string& name : members) {
         for (const std::string& partner : scene.rules->WiredBy(name, scene.channel)) {
-            if (members.count(partner) != 0 || partner == scene.bus.UniqueName())
-                continue;
-            if (Contains(scene.survey.names, partner))
-                report.Problem(Exit::no_partner, "handshake",
-                               "half-way: " + name + " has seen a pulse of " +
-                                   Describe(scene.bus, partner) +
-                                   ", which watches no name of the channel: only its SYN came, and "
-                                   "nothing can follow",
-                               "whoever pulses has to watch the other side's names");
-            else
-                report.Problem(Exit::failure, "handshake",
-                               name + " still takes " + partner +
-                                   ", which is gone, for its partner: its match rules are "
-                                   "exhausted",
-                               "raise max_match_rules_per_connection in a file in "
-                               "/etc/dbus-1/system.d, and restart it");
+            if (members.count(partner) == 0 && partner != scene.bus.UniqueName())
+                ReportLoneWire(report, scene, name, partner);
         }
     }
 }

@@ -51,8 +51,8 @@ void Examine(Report& report, Tool& tool, const DoctorOptions& options)
     std::set<std::string> known = scene.config.Channels();
     if (!options.channel.empty())
         known.insert(options.channel);
-    scene.survey = TakeSurvey(*bus, known);
     scene.rules = MatchRules::Read(*bus);
+    scene.survey = TakeSurvey(*bus, known, scene.rules);
     if (options.channel.empty())
         CheckLimits(report, scene);
     else

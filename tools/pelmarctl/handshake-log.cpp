@@ -61,11 +61,11 @@ HandshakeLog::Event HandshakeLog::SeePulse(const StageName& name, const OwnerCha
     channel.last_pulse = now;
     channel.latest[change.name] = pulse;
     channel.members[pulse.who] = pulse.role;
-    // Who pulses a stage again waits for one answer still.
-    channel.open.erase(std::remove_if(channel.open.begin(), channel.open.end(),
-                                      [&](const Pulse& open) {
-                                          return open.who == pulse.who && open.stage == pulse.stage;
-                                      }),
+    // Who pulses a stage again waits for one answer still; and who answers has found somebody.
+    const auto is_over = [&](const Pulse& open) {
+        return open.who == pulse.who && (open.stage == pulse.stage || open.stage == Stage::syn);
+    };
+    channel.open.erase(std::remove_if(channel.open.begin(), channel.open.end(), is_over),
                        channel.open.end());
     if (pulse.stage != Stage::ack)
         channel.open.push_back(pulse);

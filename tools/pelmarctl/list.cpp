@@ -89,8 +89,8 @@ Exit List(Tool& tool, const ListOptions& options)
     std::set<std::string> known = ReadBusConfig(ConfigFileOf(bus)).Channels();
     if (!options.channel.empty())
         known.insert(options.channel);
-    const Survey survey = TakeSurvey(bus, known);
     const std::optional<MatchRules> rules = MatchRules::Read(bus);
+    const Survey survey = TakeSurvey(bus, known, rules);
     std::vector<Row> rows;
     for (const ChannelObject& object : survey.objects) {
         const bool wanted = options.channel.empty() || object.channel == options.channel;
@@ -100,7 +100,7 @@ Exit List(Tool& tool, const ListOptions& options)
         rows.push_back({object, RoleOf(rules, object), pid ? UnitOf(*pid) : "",
                         pid ? CommandLineOf(*pid) : ""});
     }
-    if (survey.refused != 0)
+    if (survey.refused != 0 && !rules)
         tool.output.Note("the bus's policy does not let this user ask " +
                          Count(survey.refused, "connection") + " in general");
     if (!rows.empty())

@@ -115,16 +115,20 @@ private:
                     any_calls = CheckSide(section, role) || any_calls;
             }
             if (seen.empty())
-                Complain(
-                    m_file,
-                    std::string("nobody may be the ") + NameOf(role) + " of channel " + m_channel,
-                    std::string("allow a user or a group to own ") +
-                        StageNames(m_channel, role)[Stage::syn] + " and the other two names");
+                ComplainOfNobody(role);
         }
         if (!any_calls)
             Complain(
                 m_file, "nobody may call Send on channel " + m_channel,
                 "allow send_type=\"method_call\" with send_path=\"" + ObjectPath(m_channel) + "\"");
+    }
+
+    void ComplainOfNobody(PelmarEndpoint::Role role)
+    {
+        Complain(m_file,
+                 std::string("nobody may be the ") + NameOf(role) + " of channel " + m_channel,
+                 "allow a user or a group to own " + StageNames(m_channel, role)[Stage::syn] +
+                     " and the other two names");
     }
 
     bool IsSide(const PolicySection& section, PelmarEndpoint::Role role) const

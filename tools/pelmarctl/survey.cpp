@@ -50,7 +50,8 @@ ObjectState StateOf(const Answer& answer)
     return ObjectState::no_interface;
 }
 
-std::vector<ChannelObject> FindObjects(Bus& bus, const std::set<std::string>& known, Survey& survey)
+std::vector<ChannelObject> FindObjects(Bus& bus, const std::set<std::string>& known,
+                                       const std::optional<MatchRules>& rules, Survey& survey)
 {
     std::vector<BusCall> calls;
     for (const std::string& name : survey.names)
@@ -67,8 +68,13 @@ std::vector<ChannelObject> FindObjects(Bus& bus, const std::set<std::string>& kn
         if (!Is(answers[i], G_DBUS_ERROR_ACCESS_DENIED))
             continue;
         ++survey.refused;
-        for (const std::string& channel : known)
-            candidates.push_back({channel, name, ObjectState::none, {}});
+        const auto shown = rules ? rules->ChannelsOf(name) : std::set<std::string>();
+        for (const std::string& channel : shown)
+            candidates.push_back({channel, name, ObjectState::refused, {}});
+        for (const std::string& channel : known) {
+            if (shown.count(channel) == 0)
+                candidates.push_back({channel, name, ObjectState::none, {}});
+        }
     }
     return candidates;
 }
@@ -179,6 +185,19 @@ std::set<std::string> MatchRules::Members(const std::string& channel) const
     return members;
 }
 
+std::set<std::string> MatchRules::ChannelsOf(const std::string& name) const
+{
+    std::set<std::string> channels;
+    const auto found = m_rules.find(name);
+    if (found == m_rules.end())
+        return channels;
+    for (const Rule& rule : found->second) {
+        if (const auto stage = ParseStageName(ValueIn(rule, "arg0")))
+            channels.insert(stage->channel);
+    }
+    return channels;
+}
+
 std::set<std::string> MatchRules::WiredBy(const std::string& name, const std::string& channel) const
 {
     std::set<std::string> partners;
@@ -200,7 +219,8 @@ std::size_t MatchRules::CountOf(const std::string& name) const
     return found != m_rules.end() ? found->second.size() : 0;
 }
 
-Survey TakeSurvey(Bus& bus, const std::set<std::string>& known)
+Survey TakeSurvey(Bus& bus, const std::set<std::string>& known,
+                  const std::optional<MatchRules>& rules)
 {
     Survey survey;
     const std::string own = bus.UniqueName();
@@ -208,7 +228,7 @@ Survey TakeSurvey(Bus& bus, const std::set<std::string>& known)
         if (name.front() == ':' && name != own)
             survey.names.push_back(std::move(name));
     }
-    survey.objects = FindObjects(bus, known, survey);
+    survey.objects = FindObjects(bus, known, rules, survey);
     AskObjects(bus, survey.objects);
     AskCredentials(bus, survey.objects);
     std::sort(survey.objects.begin(), survey.objects.end(),

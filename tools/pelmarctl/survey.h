@@ -39,6 +39,7 @@ public:
     bool TakesPart(const std::string& name, const std::string& channel,
                    PelmarEndpoint::Role role) const;
     std::set<std::string> Members(const std::string& channel) const;
+    std::set<std::string> ChannelsOf(const std::string& name) const;
 
     // Those whose signals it listens to on the channel: that is what it does from the moment when
     // it has seen the other's pulse.
@@ -57,8 +58,9 @@ struct Survey {
     std::vector<std::string> names;      // every connection but this one
 };
 
-// Asks everybody on the bus. What the policy hides of the channels in general is asked for the
-// channels in `known`.
-Survey TakeSurvey(Bus& bus, const std::set<std::string>& known);
+// Asks everybody on the bus. Where the policy hides which channels somebody has, the channels in
+// `known` are tried, and those that the match rules show are taken from there.
+Survey TakeSurvey(Bus& bus, const std::set<std::string>& known,
+                  const std::optional<MatchRules>& rules);
 
 #endif
