@@ -71,7 +71,8 @@ start_told()  # NAME COMMAND...
     mkfifo "$processes_dir/$1.in"
     : >"$processes_dir/$1.out"
     : >"$processes_dir/$1.err"
-    setpriv --pdeathsig KILL "${@:2}" <"$processes_dir/$1.in" \
+    # As start does it: it may be stopped.
+    setsid setpriv --pdeathsig KILL "${@:2}" <"$processes_dir/$1.in" \
         >>"$processes_dir/$1.out" 2>>"$processes_dir/$1.err" &
     started=$!
     local descriptor

@@ -26,6 +26,21 @@ expect_endless_is_gone()
         fail "the command goes on without pelmarctl"
 }
 
+# Starts a service whose input is ${told[service]}.
+serve_typed()
+{
+    start_told service "$pelmarctl" serve demo
+    service=$started
+    await service "$service" "on channel demo"
+}
+
+# The two sides become ready one after the other, and a side sends to those alone that are.
+await_listener()
+{
+    await listener "$listener" "listening to"
+    await service "$service" "pelmarctl: :"
+}
+
 # ---- serve and connect ----------------------------------------------------------------------
 
 AServingPelmarctl.AnswersWithWhatACommandMakesOfTheMessage()
@@ -190,14 +205,14 @@ AServingPelmarctl.TellsEventsAsJson()
 
 AServingPelmarctl.SendsTypedLinesAsNotifications()
 {
-    start_told service "$pelmarctl" serve demo
-    await service "$started" "on channel demo"
+    serve_typed
     echo nobody hears this >&"${told[service]}"
-    await service "$started" "'nobody hears this' was not sent: no partner is ready"
+    await service "$service" "'nobody hears this' was not sent: no partner is ready"
     begin listener listen demo -n 2 --format line
-    await listener "$started" "listening to"
+    listener=$started
+    await_listener
     printf 'one\ntwo\n' >&"${told[service]}"
-    expect_end_of listener "$started" 0
+    expect_end_of listener "$listener" 0
     [[ $(<"$processes_dir/listener.out") == $'one\ntwo' ]] || fail "it heard otherwise"
 }
 
@@ -419,12 +434,10 @@ ANotifyingPelmarctl.TellsWhomItToldAsJson()
 
 listen()  # ARGUMENT...
 {
-    start_told service "$pelmarctl" serve demo
-    service=$started
-    await service "$service" "on channel demo"
+    serve_typed
     begin listener listen demo "$@"
     listener=$started
-    await listener "$listener" "listening to"
+    await_listener
 }
 
 AListeningPelmarctl.PrintsNothingButTheBytes()
@@ -480,14 +493,15 @@ AListeningPelmarctl.ReportsABusThatDies()
 AListeningPelmarctl.EndsWhenNobodyReadsItsOutput()
 {
     local status=0
-    start_told service "$pelmarctl" serve demo
-    await service "$started" "on channel demo"
+    serve_typed
+    : >"$processes_dir/listener.out"
+    : >"$processes_dir/listener.err"
     {
-        "$pelmarctl" listen demo --format line 2>"$processes_dir/listener.err" || status=$?
+        "$pelmarctl" listen demo --format line 2>>"$processes_dir/listener.err" || status=$?
         echo "$status" >"$processes_dir/status"
     } | head -n 1 >"$processes_dir/head.out" &
-    : >"$processes_dir/listener.out"
-    await listener "$!" "listening to"
+    listener=$!
+    await_listener
     echo one >&"${told[service]}"
     await_file "$processes_dir/head.out"
     echo two >&"${told[service]}"
