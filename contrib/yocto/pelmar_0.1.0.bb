@@ -1,5 +1,5 @@
 # Builds the clone that this file lies in. Copy or link it into a layer and set EXTERNALSRC there if
-# the layer is elsewhere. Needs CMake 3.25: Yocto 4.2 or later.
+# the layer is elsewhere. Needs CMake 3.21: Yocto 4.0 (kirkstone) or later.
 SUMMARY = "Channel between processes over the D-Bus system bus"
 LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=f0dff17c6daf424de63956ee0009bfb7"
