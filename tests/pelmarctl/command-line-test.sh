@@ -57,7 +57,16 @@ Pelmarctl.RefusesAWrongCommandLine()
     expect_error "--echo excludes --exec"
     expect 2 serve demo --exec-timeout 3
     expect_error "--exec-timeout requires --exec"
+    expect 2 serve demo --exec ""
+    expect_error "--exec: the command is empty"
     expect 2 listen demo -n 0
+    expect_error "--count: '0' is no whole number from 1 (see"
+    expect 2 ping demo -c many
+    expect_error "--count: 'many' is no whole number from 1 (see"
+    expect 2 ping demo -s 33488897
+    expect_error "--size: '33488897' is no whole number from 0 up to 33488896"
+    expect 2 serve demo --exec cat --jobs 1.5
+    expect_error "--jobs: '1.5' is no whole number from 1 up to 64"
     expect 2 ping demo -i -1
     expect_error "--interval: '-1' is no number of seconds from 0 up to 86400"
     expect 2 --color sometimes list

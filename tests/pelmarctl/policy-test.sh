@@ -55,7 +55,11 @@ APolicyPelmarctl.RefusesAWrongCommandLine()
     expect 2 policy demo --service-user 1000 --client-user daemon
     expect 2 policy demo --check "$policy" --service-user root
     expect 1 policy demo --check "$processes_dir/none"
-    expect_error "cannot read '$processes_dir/none'"
+    expect_error "cannot read '$processes_dir/none': No such file or directory"
+    expect 1 policy demo --check "$processes_dir"
+    expect_error "cannot read '$processes_dir': Is a directory"
+    expect 1 policy demo --check ""
+    expect_error "cannot read '': No such file or directory"
 }
 
 APolicyPelmarctl.FindsNothingWrongInItsOwnPolicy()

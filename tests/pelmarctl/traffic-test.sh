@@ -559,6 +559,17 @@ APingingPelmarctl.ShowsTheStatisticsWhenItIsInterrupted()
     expect_text pinger out "1 sent, 0 lost"
 }
 
+APingingPelmarctl.ShowsTheStatisticsWhenTheBusDies()
+{
+    serve --exec "$endless"
+    begin pinger ping demo -i 0
+    await_endless
+    kill -KILL "$bus"
+    expect_end_of pinger "$started" 6
+    expect_text pinger out "1 sent, 1 lost"
+    expect_text pinger err "pelmarctl: the connection to the bus was lost"
+}
+
 APingingPelmarctl.EndsWhenItsPartnerIsLost()
 {
     serve --exec "$endless"

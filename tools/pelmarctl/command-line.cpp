@@ -1,15 +1,43 @@
 #include "command-line.h"
 
+#include <charconv>
+#include <limits>
+
 #include "channel-names.h"
 
 namespace {
 
 constexpr double LONGEST_SECONDS = 86400;
 
+std::optional<std::size_t> ParseCount(const std::string& text)
+{
+    std::size_t count = 0;
+    const char* end = text.data() + text.size();
+    const auto [rest, fault] = std::from_chars(text.data(), end, count);
+    return fault == std::errc() && rest == end ? std::optional(count) : std::nullopt;
+}
+
 }  // namespace
 
 const std::vector<std::pair<std::string, PelmarEndpoint::Role>> ROLE_CHOICES = {
     {"service", PelmarEndpoint::Role::service}, {"client", PelmarEndpoint::Role::client}};
+
+CLI::Option* AddCount(CLI::App& command, const std::string& name, std::size_t& value,
+                      std::size_t least, std::size_t most, const std::string& description)
+{
+    const auto check = [least, most](const std::string& given) -> std::string {
+        const auto count = ParseCount(given);
+        if (count && *count >= least && *count <= most)
+            return {};
+        const bool is_bounded = most != std::numeric_limits<std::size_t>::max();
+        return "'" + given + "' is no whole number from " + std::to_string(least) +
+               (is_bounded ? " up to " + std::to_string(most) : "");
+    };
+    const auto take = [&value](const std::string& given) {
+        value = ParseCount(given).value_or(value);
+    };
+    return command.add_option_function<std::string>(name, take, description)->check(check);
+}
 
 CLI::Option* AddSeconds(CLI::App& command, const std::string& name, std::optional<double>& value,
                         double least, const std::string& description)

@@ -44,6 +44,10 @@ CLI::Option* AddChoice(CLI::App& command, const std::string& name, Value& value,
     return command.add_option_function<std::string>(name, take, description)->check(check);
 }
 
+// An option that is a whole number.
+CLI::Option* AddCount(CLI::App& command, const std::string& name, std::size_t& value,
+                      std::size_t least, std::size_t most, const std::string& description);
+
 // An option that is a time of `least` seconds to a day.
 CLI::Option* AddSeconds(CLI::App& command, const std::string& name, std::optional<double>& value,
                         double least, const std::string& description);

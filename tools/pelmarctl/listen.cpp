@@ -1,5 +1,6 @@
 // listen: prints the notifications that come.
 
+#include <limits>
 #include <nlohmann/json.hpp>
 
 #include "command-line.h"
@@ -57,9 +58,9 @@ void AddListen(CLI::App& app, Command& chosen)
     CLI::App* command = AddCommand(app, chosen, "listen", "Print the notifications that come",
                                    "pelmarctl listen demo -n 1", options, Listen);
     AddChannel(*command, options->channel)->required();
-    command->add_option("-n,--count", options->count, "End after this many")
-        ->option_text("COUNT")
-        ->check(CLI::PositiveNumber);
+    AddCount(*command, "-n,--count", options->count, 1, std::numeric_limits<std::size_t>::max(),
+             "End after this many")
+        ->option_text("COUNT");
     AddFormat(*command, options->format);
     AddRole(*command, options->role);
 }

@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <numeric>
 
@@ -192,14 +193,14 @@ void AddPing(CLI::App& app, Command& chosen)
     CLI::App* command = AddCommand(app, chosen, "ping", "Measure round trips of a message",
                                    "pelmarctl ping demo -c 5 -s 1024", options, Ping);
     AddChannel(*command, options->channel)->required();
-    command->add_option("-c,--count", options->count, "End after this many")
-        ->option_text("COUNT")
-        ->check(CLI::PositiveNumber);
+    AddCount(*command, "-c,--count", options->count, 1, std::numeric_limits<std::size_t>::max(),
+             "End after this many")
+        ->option_text("COUNT");
     AddSeconds(*command, "-i,--interval", options->interval, 0,
                "Seconds between two; by default 1");
-    command->add_option("-s,--size", options->size, "Bytes of each message; by default 64")
-        ->option_text("BYTES")
-        ->check(CLI::Range(std::size_t{0}, PelmarEndpoint::MAX_MESSAGE_BYTES));
+    AddCount(*command, "-s,--size", options->size, 0, PelmarEndpoint::MAX_MESSAGE_BYTES,
+             "Bytes of each message; by default 64")
+        ->option_text("BYTES");
     command->add_option("--to", options->to, "The partner of this bus name")->option_text("NAME");
     AddRole(*command, options->role);
 }

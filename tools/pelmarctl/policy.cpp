@@ -3,6 +3,8 @@
 #include <glib.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "command-line.h"
@@ -21,7 +23,7 @@ struct PolicyOptions {
     std::string channel;
     Account service;
     Account client;
-    std::string check;
+    std::optional<std::string> check;
 };
 
 std::string Replaced(std::string text, const std::string& what, const std::string& by)
@@ -69,10 +71,10 @@ Exit Print(const Tool& tool, const PolicyOptions& options)
 
 Exit Check(const Tool& tool, const PolicyOptions& options)
 {
-    if (!ReadTextFile(options.check))
-        throw Failure(Exit::failure, "cannot read '" + options.check + "'");
-    const auto complaints =
-        CheckPolicy(ReadBusConfigFile(options.check), options.check, options.channel);
+    const std::string& file = *options.check;
+    if (!ReadTextFile(file))
+        throw Failure(Exit::failure, "cannot read '" + file + "': " + std::strerror(errno));
+    const auto complaints = CheckPolicy(ReadBusConfigFile(file), file, options.channel);
     for (const Complaint& complaint : complaints) {
         if (tool.output.IsJson()) {
             Json record = JsonRecord();
@@ -87,14 +89,14 @@ Exit Check(const Tool& tool, const PolicyOptions& options)
         }
     }
     tool.output.Note(
-        options.check + ": " +
+        file + ": " +
         (complaints.empty() ? "nothing is wrong" : Count(complaints.size(), "problem")));
     return complaints.empty() ? Exit::ok : Exit::failure;
 }
 
 Exit Policy(Tool& tool, const PolicyOptions& options)
 {
-    return options.check.empty() ? Print(tool, options) : Check(tool, options);
+    return options.check ? Check(tool, options) : Print(tool, options);
 }
 
 // The name comes into an XML attribute.

@@ -4,8 +4,8 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <array>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 
 namespace {
@@ -33,7 +33,10 @@ std::optional<std::string> ReadTextFile(const std::string& name)
     std::ifstream file(name, std::ios::binary);
     if (!file)
         return std::nullopt;
-    std::string text(std::istreambuf_iterator<char>(file), {});
+    std::string text;
+    std::array<char, 4096> buffer{};
+    while (file.read(buffer.data(), buffer.size()) || file.gcount() > 0)
+        text.append(buffer.data(), static_cast<std::size_t>(file.gcount()));
     if (file.bad())
         return std::nullopt;
     return text;

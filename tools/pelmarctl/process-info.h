@@ -30,7 +30,7 @@ struct Identity {
 };
 Identity IdentityOf(uid_t uid);
 
-// The whole of a small file; nothing when it cannot be read.
+// The whole of a small file; nothing when it cannot be read, and then errno says why.
 std::optional<std::string> ReadTextFile(const std::string& name);
 
 #endif

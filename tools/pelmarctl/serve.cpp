@@ -220,21 +220,20 @@ void AddRoleCommand(CLI::App& app, Command& chosen, const std::string& name,
             ->add_option("--exec", options->exec,
                          "Answer each message with what this shell command makes of it")
             ->option_text("COMMAND")
+            ->check([](const std::string& given) {
+                return std::string(given.empty() ? "the command is empty" : "");
+            })
             ->excludes(echo);
     AddSeconds(*command, "--exec-timeout", options->exec_timeout, 0.001,
                "How long the command may take; by default 30")
         ->needs(exec);
-    command
-        ->add_option("--exec-max", options->exec_max,
-                     "Bytes that the command may write; by default what fits into a message")
+    AddCount(*command, "--exec-max", options->exec_max, 0, PelmarEndpoint::MAX_MESSAGE_BYTES,
+             "Bytes that the command may write; by default what fits into a message")
         ->option_text("BYTES")
-        ->check(CLI::Range(std::size_t{0}, PelmarEndpoint::MAX_MESSAGE_BYTES))
         ->needs(exec);
-    command
-        ->add_option("--jobs", options->jobs,
-                     "How many commands may run at the same time; by default 4")
+    AddCount(*command, "--jobs", options->jobs, 1, 64,
+             "How many commands may run at the same time; by default 4")
         ->option_text("COUNT")
-        ->check(CLI::Range(1, 64))
         ->needs(exec);
     AddFormat(*command, options->format);
 }
