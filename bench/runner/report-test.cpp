@@ -101,6 +101,20 @@ TEST(AReport, ComparesTheBridgeWithADirectSendAndWithMqttAlone)
     EXPECT_THAT(text, HasSubstr("| bridge / mqtt | 5.00 |"));
 }
 
+TEST(AReport, ShowsCopiesInSizesOfTheMessageWhereTheyAreLarge)
+{
+    json results = SendOf16Kib({100}, {100});
+    results.erase("send");
+    results["profile"]["64"]["gdbus"] = {
+        {"system_calls", 29}, {"copied_bytes", 0}, {"filled_bytes", 0}};
+    results["profile"]["16384"]["gdbus"] = {
+        {"system_calls", 30}, {"copied_bytes", 3 * 16384}, {"filled_bytes", 2 * 16384}};
+    const std::string text = report::Markdown(results);
+    EXPECT_THAT(text, HasSubstr("| gdbus | 29.0 | 30.0 |"));
+    EXPECT_THAT(text, HasSubstr("Copied in large blocks, in sizes of the message:\n\n"
+                                "| Server | 16 KiB |\n|---|---:|\n| gdbus | 3.00 |"));
+}
+
 TEST(AReport, JudgesNothingThatWasNotMeasured)
 {
     EXPECT_TRUE(report::Targets(json::object()).empty());

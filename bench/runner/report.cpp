@@ -348,6 +348,44 @@ std::string BridgeTables(const json& results)
                        MedianText, {"bridge / direct", "bridge / mqtt"});
 }
 
+// In units of the message, where that is so large that its pieces are seen.
+std::string ProfileTables(const json& results)
+{
+    const json& profile = results.at("profile");
+    const auto of_message = [&](const char* key) {
+        json shares;
+        for (const auto& [size, servers] : profile.items()) {
+            constexpr double least = 16 * 1024;
+            if (std::stod(size) < least)
+                continue;
+            for (const auto& [server, figures] : servers.items())
+                shares[size][server] = figures.at(key).get<double>() / std::stod(size);
+        }
+        return shares;
+    };
+    const auto table = [](const json& figures) {
+        return ServerTable(
+            "Server", NumericKeys(figures), SizeText,
+            [&](const std::string& server, const std::string& size) {
+                return Find(figures, {size, server});
+            },
+            NumberText);
+    };
+    json system_calls;
+    for (const auto& [size, servers] : profile.items()) {
+        for (const auto& [server, figures] : servers.items())
+            system_calls[size][server] = figures.at("system_calls");
+    }
+    std::string text =
+        "### Profile of the server for one Send\n\nSystem calls:\n\n" + table(system_calls);
+    const json copied = of_message("copied_bytes");
+    if (!copied.empty())
+        text += "Copied in large blocks, in sizes of the message:\n\n" + table(copied) +
+                "Filled with one value, such as zero, in sizes of the message:\n\n" +
+                table(of_message("filled_bytes"));
+    return text;
+}
+
 std::string InstructionTable(const json& results)
 {
     const json& counts = results.at("instructions");
@@ -478,10 +516,15 @@ std::string Markdown(const json& results)
         std::string (*text)(const json& results);
     };
     constexpr Section sections[] = {
-        {"send", SendTables},          {"instructions", InstructionTable},
-        {"bridge", BridgeTables},      {"notifications", NotificationTables},
-        {"handshake", HandshakeTable}, {"growth", GrowthTable},
-        {"memory", MemoryTable},       {"parts", PartsTable},
+        {"send", SendTables},
+        {"profile", ProfileTables},
+        {"instructions", InstructionTable},
+        {"bridge", BridgeTables},
+        {"notifications", NotificationTables},
+        {"handshake", HandshakeTable},
+        {"growth", GrowthTable},
+        {"memory", MemoryTable},
+        {"parts", PartsTable},
     };
     std::string text = Introduction(results);
     const std::vector<Target> targets = Targets(results);

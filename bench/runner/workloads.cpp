@@ -27,6 +27,7 @@ Effort FullEffort()
     effort.pulses = 200;
     effort.counted_sizes = {64, KIB, 16 * KIB};
     effort.counted_calls = 500;
+    effort.profiled_calls = 100;
     return effort;
 }
 
@@ -55,6 +56,7 @@ Effort SmokeEffort()
     effort.pulses = 2;
     effort.counted_sizes = {64};
     effort.counted_calls = 5;
+    effort.profiled_calls = 5;
     return effort;
 }
 
@@ -74,6 +76,10 @@ const std::vector<Workload>& Workloads()
         {"growth", "the next handshake, memory and the cost of a pulse with 1 to 150 partners",
          MeasureGrowth},
         {"memory", "what a server that does nothing takes for itself", MeasureMemory},
+#ifdef PELMAR_COUNT_COPIES
+        {"profile", "system calls of a server for one Send, and what it copies and fills",
+         MeasureProfile},
+#endif
         {"instructions", "instructions that a server executes for one Send, by callgrind",
          CountInstructions},
     };

@@ -30,6 +30,7 @@ struct Effort {
     unsigned pulses;
     std::vector<std::size_t> counted_sizes;  // of messages, for the instruction counts
     unsigned counted_calls;
+    unsigned profiled_calls;
 };
 
 Effort FullEffort();
@@ -56,6 +57,7 @@ nlohmann::json MeasureNotifications(BenchBus& bus, const Effort& effort);
 nlohmann::json MeasureHandshake(BenchBus& bus, const Effort& effort);
 nlohmann::json MeasureGrowth(BenchBus& bus, const Effort& effort);
 nlohmann::json MeasureMemory(BenchBus& bus, const Effort& effort);
+nlohmann::json MeasureProfile(BenchBus& bus, const Effort& effort);
 nlohmann::json CountInstructions(BenchBus& bus, const Effort& effort);
 
 #endif
