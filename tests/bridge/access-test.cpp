@@ -39,6 +39,11 @@ TEST_F(TheCommandLine, SaysWhatIsWrong)
     ExpectUsageError({"--offer", "x", "--cert", "/none"}, "--cert requires --key");
     ExpectUsageError({"--offer", "x", "--host", "broker.example"},
                      "--host: the connection to 'broker.example' would be neither encrypted");
+    ExpectUsageError({"--offer", "x", "--host", "127.broker.example"},
+                     "--host: the connection to '127.broker.example' would be neither encrypted");
+    ExpectUsageError({"--offer", "x", "--host", ""}, "--host: the broker's name is empty");
+    ExpectUsageError({"--offer", "x", "--user", ""}, "--user: the name is empty");
+    ExpectUsageError({"--offer", "x", "--topic-prefix", "\xff"}, "--topic-prefix: '");
 }
 
 TEST_F(TheCommandLine, SaysWhatIsWrongWithAFile)
@@ -46,6 +51,14 @@ TEST_F(TheCommandLine, SaysWhatIsWrongWithAFile)
     const std::string config = m_folder.Write("config", "offr = \"x\"\n");
     ExpectUsageError({"--config", config}, config + ": there is no option 'offr'");
     ExpectUsageError({"--config", "/none"}, "/none was not readable");
+    const std::string nested = m_folder.Write("nested", "config = \"other\"\n");
+    ExpectUsageError({"--config", nested}, nested + ": ");
+    const std::string sections = m_folder.Write("sections", "[broker]\nhost = \"x\"\n");
+    ExpectUsageError({"--config", sections}, sections + ": there are no sections");
+    ExpectUsageError({"--offer", "x", "--ca", m_folder.File("")},
+                     "--ca: '" + m_folder.File("") + "' is a directory, not a file");
+    ExpectUsageError({"--offer", "x", "--user", "u", "--password-file", m_folder.File("")},
+                     "--password-file: '" + m_folder.File("") + "' is a directory, not a file");
     const std::string empty = m_folder.Write("empty", "\n");
     ExpectUsageError({"--offer", "x", "--user", "u", "--password-file", empty},
                      "--password-file: the first line of '" + empty);

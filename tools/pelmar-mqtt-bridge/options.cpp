@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include <arpa/inet.h>
+#include <mosquitto.h>
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
@@ -84,17 +86,24 @@ void AddChannels(Options& options, const std::vector<std::string>& names, Carrie
 void CheckTopicPrefix(const std::string& prefix)
 {
     const bool usable = !prefix.empty() && prefix.size() <= 1024 &&
+                        mosquitto_validate_utf8(prefix.data(), static_cast<int>(prefix.size())) ==
+                            MOSQ_ERR_SUCCESS &&
                         prefix.find_first_of("+#") == std::string::npos && prefix.front() != '$' &&
                         prefix.back() != '/';
     if (!usable)
         Refuse("--topic-prefix", "'" + prefix +
-                                     "' cannot be a topic's start: it must not be empty, contain + "
-                                     "or #, begin with $ or end with /");
+                                     "' cannot be a topic's start: it must be UTF-8, not be empty, "
+                                     "contain + or #, begin with $ or end with /");
 }
 
 void CheckReadable(const std::string& option, const std::string& file)
 {
-    if (!file.empty() && !std::ifstream(file).is_open())
+    if (file.empty())
+        return;
+    struct stat status = {};
+    if (stat(file.c_str(), &status) == 0 && S_ISDIR(status.st_mode))
+        Refuse(option, "'" + file + "' is a directory, not a file");
+    if (!std::ifstream(file).is_open())
         Refuse(option, "cannot read '" + file + "': no such file, or no permission");
 }
 
@@ -114,13 +123,23 @@ std::string ReadPassword(const std::string& file)
     return password;
 }
 
+// By address: a name that begins with 127. may lead anywhere.
 bool IsLoopback(const std::string& host)
 {
-    return host == "localhost" || host == "::1" || host.compare(0, 4, "127.") == 0;
+    constexpr in_addr_t loopback_network = 127;
+    in_addr address = {};
+    in6_addr address6 = {};
+    if (inet_pton(AF_INET, host.c_str(), &address) == 1)
+        return ntohl(address.s_addr) >> 24U == loopback_network;
+    if (inet_pton(AF_INET6, host.c_str(), &address6) == 1)
+        return IN6_IS_ADDR_LOOPBACK(&address6);
+    return host == "localhost";
 }
 
 void CompleteBroker(BrokerOptions& broker, const Given& given)
 {
+    if (broker.host.empty())
+        Refuse("--host", "the broker's name is empty");
     CheckReadable("--ca", broker.ca_file);
     CheckReadable("--cert", broker.certificate_file);
     CheckReadable("--key", broker.key_file);
@@ -223,7 +242,11 @@ void AddBrokerOptions(CLI::App& app, Options& options, Given& given)
                            ->group(group);
     certificate->needs(key);
     CLI::Option* user =
-        app.add_option("--user", broker.user, "The name to log in with")->group(group);
+        app.add_option("--user", broker.user, "The name to log in with")
+            ->check([](const std::string& name) {
+                return name.empty() ? std::string("the name is empty") : std::string();
+            })
+            ->group(group);
     app.add_option("--password-file", given.password_file, "Its password: the first line of FILE")
         ->type_name("FILE")
         ->needs(user)
@@ -233,12 +256,21 @@ void AddBrokerOptions(CLI::App& app, Options& options, Given& given)
         ->group(group);
 }
 
-// The library's own text ends with the name and says nothing of the file.
-std::string UnknownInFile(const CLI::App& app, const std::string& text)
+// Of what is not known the library's own text has the name at its end, and says nothing of the
+// file.
+std::string WrongInFile(const CLI::App& app, const CLI::ConfigError& error)
 {
+    const std::string text = error.what();
     const std::string option = text.substr(text.find_last_of(' ') + 1);
-    return app.get_config_ptr()->as<std::string>() + ": there is no option '" + option +
-           "'\nRun with --help for more information.\n";
+    const bool unknown = text.find("not able to parse") != std::string::npos;
+    const std::size_t section = option.find(".++");
+    std::string wrong = text;
+    if (unknown && section != std::string::npos)
+        wrong = "there are no sections, such as '[" + option.substr(0, section) + "]'";
+    else if (unknown)
+        wrong = "there is no option '" + option + "'";
+    return app.get_config_ptr()->as<std::string>() + ": " + wrong +
+           "\nRun with --help for more information.\n";
 }
 
 }  // namespace
@@ -260,7 +292,7 @@ std::optional<Options> ParseOptions(int argc, char** argv, int& exit_status)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ConfigError& error) {
-        std::cerr << UnknownInFile(app, error.what());
+        std::cerr << WrongInFile(app, error);
         exit_status = STATUS_USAGE;
         return std::nullopt;
     } catch (const CLI::ParseError& error) {
