@@ -231,6 +231,13 @@ TEST_P(APolicy, RefusesItsOwnSidesEveryOtherCall)
     EXPECT_EQ(CallSend(*client, service.Name(), "beta"), DENIED);
 }
 
+// Its rules go by the object's path, which all ends of a channel share.
+TEST_P(APolicy, LetsTheClientsOfAChannelCallEachOther)
+{
+    const Peer client(ALPHA_CLIENT, PELMAR_PEER_CLIENT, "alpha");
+    EXPECT_EQ(CallSend(*Connect(ALPHA_CLIENT), client.Name(), "alpha"), "reply");
+}
+
 TEST_P(APolicy, RefusesTheSignalsOfOthers)
 {
     const auto listener = Connect(ALPHA_SERVICE);
