@@ -115,22 +115,26 @@ Pelmarctl.GivesUpOnABusThatDoesNotAnswer()
     expect_error "the bus at $DBUS_SYSTEM_BUS_ADDRESS cannot be reached: it does not answer"
 }
 
-Pelmarctl.ReportsAStandardOutputThatCannotBeWritten()
+# Its standard output is that of this.
+fail_to_write()  # REASON ARGUMENT...
 {
     local status=0
+    "$pelmarctl" "${@:2}" 2>"$processes_dir/ctl.err" || status=$?
+    ((status == 1)) || fail "pelmarctl ${*:2} ended with status $status and not with 1"
+    expect_error "cannot write to standard output: $1"
+}
+
+Pelmarctl.ReportsAStandardOutputThatCannotBeWritten()
+{
     serve --echo
-    "$pelmarctl" send demo -m text 2>"$processes_dir/ctl.err" >&- || status=$?
-    ((status == 1)) || fail "with a closed standard output it ended with status $status"
-    expect_error "cannot write to standard output: Bad file descriptor"
-    "$pelmarctl" send demo -m text 2>"$processes_dir/ctl.err" >/dev/full || status=$?
-    ((status == 1)) || fail "with a full standard output it ended with status $status"
-    expect_error "cannot write to standard output: No space left on device"
+    fail_to_write "Bad file descriptor" send demo -m text >&-
+    fail_to_write "Bad file descriptor" list >&-
+    fail_to_write "No space left on device" send demo -m text >/dev/full
+    fail_to_write "No space left on device" --help >/dev/full
     # The reader is gone before anything is written.
     exec {pipe}> >(:)
     wait $!
-    "$pelmarctl" send demo -m text 2>"$processes_dir/ctl.err" 1>&"$pipe" || status=$?
-    ((status == 1)) || fail "with a broken pipe it ended with status $status"
-    expect_error "cannot write to standard output: Broken pipe"
+    fail_to_write "Broken pipe" send demo -m text >&"$pipe"
 }
 
 Pelmarctl.WorksWithoutStandardInputAndStandardError()

@@ -74,6 +74,15 @@ AListingPelmarctl.IsNotHeldUpByAProcessThatIsStopped()
     expect_text ctl out "$service_name"
 }
 
+AListingPelmarctl.ShowsAMemberThatIsStopped()
+{
+    serve
+    kill -STOP "$service"
+    expect 0 list demo --json
+    expect_json ctl "length == 1 and .[0].name == \"$service_name\" and .[0].role == \"service\""
+    expect_error "$service_name does not answer: it is stopped, or its main loop does not run"
+}
+
 AListingPelmarctl.FindsTheChannelsOfItsPolicyWhereItMayNotIntrospect()
 {
     end_private_bus

@@ -40,27 +40,14 @@ bool Contains(const std::vector<std::string>& names, const std::string& name)
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-void ReportStuck(Report& report, const std::string& who)
-{
-    report.Problem(Exit::timeout, "object",
-                   who +
-                       " does not answer: it is stopped, or its main "
-                       "loop does not run",
-                   "let it run its main loop, or restart it");
-}
-
 // Without an object, although it watches the channel's names.
 void CheckWatcher(Report& report, const Scene& scene, const std::string& name)
 {
-    const std::string who = Describe(scene.bus, name);
-    if (Contains(scene.survey.silent, name))
-        ReportStuck(report, who);
-    else
-        report.Problem(Exit::failure, "object",
-                       who + " is on the channel but has no object at " +
-                           ObjectPath(scene.channel) + ": calls of it fail",
-                       "export the object before the first pulse; in one process each channel "
-                       "needs a name of its own");
+    report.Problem(Exit::failure, "object",
+                   Describe(scene.bus, name) + " is on the channel but has no object at " +
+                       ObjectPath(scene.channel) + ": calls of it fail",
+                   "export the object before the first pulse; in one process each channel needs a "
+                   "name of its own");
 }
 
 void CheckObject(Report& report, const Scene& scene, const ChannelObject& object)
@@ -73,7 +60,9 @@ void CheckObject(Report& report, const Scene& scene, const ChannelObject& object
                            ChannelInterface(),
                        "let nobody but the channel use this path");
     else if (object.state == ObjectState::silent)
-        ReportStuck(report, who);
+        report.Problem(Exit::timeout, "object",
+                       who + " does not answer: it is stopped, or its main loop does not run",
+                       "let it run its main loop, or restart it");
     else if (object.state == ObjectState::refused)
         report.Unknown("object", who + "; this user may not ask for its object");
     else if (!takes_part)

@@ -103,6 +103,8 @@ Exit List(Tool& tool, const ListOptions& options)
     if (survey.refused != 0 && !rules)
         tool.output.Note("the bus's policy does not let this user ask " +
                          Count(survey.refused, "connection") + " in general");
+    for (const std::string& name : survey.silent)
+        tool.output.Note(name + " does not answer: it is stopped, or its main loop does not run");
     if (!rows.empty())
         Show(tool, rows);
     else if (!options.channel.empty())

@@ -4,7 +4,7 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <iostream>
+#include <sstream>
 
 #include "channel-log.h"
 #include "command-line.h"
@@ -88,8 +88,12 @@ std::string UsageFault(const CLI::App& app, const CLI::ParseError& error)
 
 int ReportUsage(const CLI::App& app, const CLI::ParseError& error)
 {
-    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success))
-        return app.exit(error);  // --help and --version
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {  // --help, --version
+        std::ostringstream text;
+        app.exit(error, text);
+        Output().Write(text.str());
+        return static_cast<int>(Exit::ok);
+    }
     const auto commands = app.get_subcommands();
     const std::string command = commands.empty() ? "" : " " + commands.front()->get_name();
     Output().Error(Printable(UsageFault(app, error)) + " (see pelmarctl" + command + " --help)");

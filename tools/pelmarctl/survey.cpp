@@ -63,14 +63,19 @@ std::vector<ChannelObject> FindObjects(Bus& bus, const std::set<std::string>& kn
         const std::string& name = survey.names[i];
         for (const std::string& channel : ChildrenIn(answers[i]))
             candidates.push_back({channel, name, ObjectState::no_interface, {}});
-        if (IsSilent(answers[i]))
-            survey.silent.push_back(name);
-        if (!Is(answers[i], G_DBUS_ERROR_ACCESS_DENIED))
+        const bool is_silent = IsSilent(answers[i]);
+        const bool is_refused = Is(answers[i], G_DBUS_ERROR_ACCESS_DENIED);
+        if (!is_silent && !is_refused)
             continue;
-        ++survey.refused;
         const auto shown = rules ? rules->ChannelsOf(name) : std::set<std::string>();
         for (const std::string& channel : shown)
-            candidates.push_back({channel, name, ObjectState::refused, {}});
+            candidates.push_back(
+                {channel, name, is_silent ? ObjectState::silent : ObjectState::refused, {}});
+        if (is_silent) {
+            survey.silent.push_back(name);
+            continue;
+        }
+        ++survey.refused;
         for (const std::string& channel : known) {
             if (shown.count(channel) == 0)
                 candidates.push_back({channel, name, ObjectState::none, {}});

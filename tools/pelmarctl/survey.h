@@ -58,8 +58,8 @@ struct Survey {
     std::vector<std::string> names;      // every connection but this one
 };
 
-// Asks everybody on the bus. Where the policy hides which channels somebody has, the channels in
-// `known` are tried, and those that the match rules show are taken from there.
+// Asks everybody on the bus. Of those that do not answer, or may not be asked, the match rules show
+// the channels; where the policy hides them, the channels in `known` are tried as well.
 Survey TakeSurvey(Bus& bus, const std::set<std::string>& known,
                   const std::optional<MatchRules>& rules);
 
