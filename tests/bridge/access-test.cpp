@@ -252,6 +252,29 @@ TEST_F(ABrokerWithTls, IsRefusedUnderAnotherName)
     EXPECT_EQ(1, bridge.WaitForEnd());
 }
 
+TEST_F(ABrokerWithTls, EndsABridgeWhoseKeyIsNone)
+{
+    Arguments options = Trusting("ca.pem");
+    options.back() = Folder().Write("not-a-key", "x\n");
+    Bridge bridge = Attach(m_bus_a, options);
+    const std::string error = bridge.WaitForLine("pelmar-mqtt-bridge[demo]: no connection");
+    EXPECT_NE(std::string::npos, error.find(options.back())) << error;
+    EXPECT_EQ(1, bridge.WaitForEnd());
+}
+
+TEST_F(ABrokerWithTls, EndsABridgeWhoseKeyHasAPassphrase)
+{
+    const std::string locked = Folder().File("locked.key");
+    RunToEnd({"openssl", "pkcs8", "-topk8", "-in", Folder().File("machine.key"), "-passout",
+              "pass:secret", "-out", locked});
+    Arguments options = Trusting("ca.pem");
+    options.back() = locked;
+    Bridge bridge = Attach(m_bus_a, options);
+    const std::string error = bridge.WaitForLine("pelmar-mqtt-bridge[demo]: no connection");
+    EXPECT_NE(std::string::npos, error.find(locked)) << error;
+    EXPECT_EQ(1, bridge.WaitForEnd());
+}
+
 TEST_F(ABrokerWithTls, RefusesABridgeWithoutACertificate)
 {
     Bridge bridge = Attach(m_bus_a, {"--ca", Folder().File("ca.pem")});

@@ -157,7 +157,7 @@ bool MqttLink::SetTls()
         mosquitto_int_option(m_handle.get(), MOSQ_OPT_TLS_USE_OS_CERTS, 1);
     const int error = mosquitto_tls_set(m_handle.get(), or_null(m_options.ca_file), nullptr,
                                         or_null(m_options.certificate_file),
-                                        or_null(m_options.key_file), nullptr);
+                                        or_null(m_options.key_file), cb_Passphrase);
     if (error != MOSQ_ERR_SUCCESS)
         Fail(LinkFailure::Kind::untrusted,
              "the certificate files cannot be used: " + TextOfLibraryError(error) +
@@ -259,15 +259,25 @@ void MqttLink::FailWith(int error)
 {
     const std::string cause = m_library_error.empty() ? "" : " (" + m_library_error + ")";
     const auto mentions = [&](const char* word) { return cause.find(word) != std::string::npos; };
-    const bool untrusted = mentions("certificate") || mentions("alert");
+    const bool untrusted =
+        mentions("certificate") || mentions("Unable to load") || mentions("alert");
     Fail(untrusted ? LinkFailure::Kind::untrusted : LinkFailure::Kind::unreachable,
          TextOfLibraryError(error) + cause);
 }
 
 void MqttLink::cb_Log(mosquitto* /*handle*/, void* user_data, int level, const char* text)
 {
-    if (level == MOSQ_LOG_ERR)
-        static_cast<MqttLink*>(user_data)->m_library_error = text;
+    std::string& error = static_cast<MqttLink*>(user_data)->m_library_error;
+    // The library's own line names the file, the first of OpenSSL's the reason.
+    if (level == MOSQ_LOG_ERR && error.find("OpenSSL") == std::string::npos)
+        error += (error.empty() ? "" : " ") + std::string(text);
+}
+
+// A key without one is asked for: a daemon has nobody to ask.
+int MqttLink::cb_Passphrase(char* /*buffer*/, int /*size*/, int /*for_writing*/,
+                            void* /*user_data*/)
+{
+    return 0;
 }
 
 // ---- Coming up and going down --------------------------------------------------------------

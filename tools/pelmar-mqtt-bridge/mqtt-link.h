@@ -101,6 +101,7 @@ private:
     static void cb_Message(mosquitto* handle, void* user_data, const mosquitto_message* message,
                            const mosquitto_property* properties);
     static void cb_Log(mosquitto* handle, void* user_data, int level, const char* text);
+    static int cb_Passphrase(char* buffer, int size, int for_writing, void* user_data);
 
     EventLoop& m_loop;
     const BrokerOptions& m_options;
