@@ -13,7 +13,7 @@ namespace {
 // A channel's name goes into bus names, which may have 255 characters, and into an object path.
 bool IsChannelName(const char* name)
 {
-    return g_regex_match_simple("^[A-Za-z_][A-Za-z0-9_]{0,199}\\z", name, GRegexCompileFlags(0),
+    return g_regex_match_simple("^[A-Za-z_][A-Za-z0-9_]{0,221}\\z", name, GRegexCompileFlags(0),
                                 GRegexMatchFlags(0)) != FALSE;
 }
 
@@ -40,7 +40,7 @@ ExampleProgram::ExampleProgram(int& argc, char**& argv, const char* arguments,
     m_channel = option != nullptr ? option : "digest";
     if (!IsChannelName(m_channel.c_str()))
         Exit(STATUS_USAGE, "'" + m_channel +
-                               "' cannot be a channel's name: use 1 to 200 letters, digits and "
+                               "' cannot be a channel's name: use 1 to 222 letters, digits and "
                                "underscores, and no digit at the start");
 }
 

@@ -28,7 +28,7 @@ protected:
 TEST_F(TheCommandLine, SaysWhatIsWrong)
 {
     ExpectUsageError({}, "--attach: no channel to carry");
-    ExpectUsageError({"--attach", "9x"}, "--attach: '9x' cannot be a channel's name");
+    ExpectUsageError({"--attach", "9x"}, "--attach: channel name '9x' begins with a digit");
     ExpectUsageError({"--attach", "x", "x"}, "--attach: the channel x is named twice");
     ExpectUsageError({"--attach", "x", "--offer", "x"},
                      "--offer: the channel x is attached and offered on one bus");

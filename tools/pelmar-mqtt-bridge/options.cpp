@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <stdexcept>
 
+#include "channel-names.h"
 #include "exit-status.h"
 #include "pelmar-endpoint.h"
 
@@ -51,26 +53,20 @@ struct Given {
     throw CLI::ValidationError(option, text);
 }
 
-bool IsChannelName(const std::string& name)
+void CheckChannel(const std::string& name, const std::string& option)
 {
-    const auto is_letter = [](char c) {
-        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
-    };
-    const auto is_digit = [](char c) { return c >= '0' && c <= '9'; };
-    constexpr std::size_t longest = 222;
-    return !name.empty() && name.size() <= longest && is_letter(name.front()) &&
-           std::all_of(name.begin(), name.end(),
-                       [&](char c) { return is_letter(c) || is_digit(c); });
+    try {
+        CheckChannelName(name);
+    } catch (const std::invalid_argument& fault) {
+        Refuse(option, fault.what());
+    }
 }
 
 void AddChannels(Options& options, const std::vector<std::string>& names, CarriedChannel::Side side,
                  const std::string& option)
 {
     for (const std::string& name : names) {
-        if (!IsChannelName(name))
-            Refuse(option, "'" + name +
-                               "' cannot be a channel's name: use 1 to 222 letters, digits and "
-                               "underscores, the first not a digit");
+        CheckChannel(name, option);
         for (const CarriedChannel& other : options.channels) {
             if (other.name == name && other.side == side)
                 Refuse(option, "the channel " + name + " is named twice");
