@@ -155,13 +155,15 @@ protected:
         IterateUntil([&] { return m_invocation != nullptr; }, "a call");
     }
 
-    // The daemon has dealt with all that the channel sent, and no answer was among it.
+    // The daemon has dealt with all that the channel sent, and no answer was among it. Nobody but
+    // the test has the call then.
     void ExpectUnanswered()
     {
         TestBus::Settle(m_channel.m_connection);
         m_partner.Settle();
         DispatchPending();
         EXPECT_FALSE(m_call->Done());
+        g_object_unref(m_invocation);
     }
 
     GDBusMethodInvocation* m_invocation = nullptr;
