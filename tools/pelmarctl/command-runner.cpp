@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,7 +14,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 namespace {
@@ -64,6 +65,33 @@ struct Pipe {
     Descriptor write_end;
 };
 
+// Becomes readable when the process has ended, and does not reap it. A pidfd would do the same, but
+// not before Linux 5.3.
+class ProcessEnd {
+public:
+    explicit ProcessEnd(pid_t process)
+        : m_thread([this, process] {
+              siginfo_t info = {};
+              while (waitid(P_PID, static_cast<id_t>(process), &info, WEXITED | WNOWAIT) != 0 &&
+                     errno == EINTR) {
+              }
+              m_pipe.write_end.Close();
+          })
+    {
+    }
+
+    // Waits for that end.
+    ~ProcessEnd() { m_thread.join(); }
+    ProcessEnd(const ProcessEnd&) = delete;
+    ProcessEnd& operator=(const ProcessEnd&) = delete;
+
+    int Get() const { return m_pipe.read_end.Get(); }
+
+private:
+    Pipe m_pipe;
+    std::thread m_thread;
+};
+
 class Run {
 public:
     Run(const std::string& command, const Bytes& input, const CommandLimits& limits, int stop)
@@ -82,6 +110,7 @@ public:
 
     CommandResult Finish()
     {
+        m_process.emplace(m_pid);
         std::string fault;
         while (fault.empty() && !IsOver())
             fault = Step();
@@ -108,7 +137,6 @@ private:
             BecomeCommand(arguments.data(), parent,
                           {input.read_end.Get(), output.write_end.Get(), errors.write_end.Get()});
         setpgid(m_pid, m_pid);
-        m_process = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, m_pid, 0)));
         m_in = std::move(input.write_end);
         m_out = std::move(output.read_end);
         m_err = std::move(errors.read_end);
@@ -143,7 +171,7 @@ private:
         std::array<pollfd, 5> watched = {pollfd{m_stop, POLLIN, 0}, pollfd{m_in.Get(), POLLOUT, 0},
                                          pollfd{m_out.Get(), POLLIN, 0},
                                          pollfd{m_err.Get(), POLLIN, 0},
-                                         pollfd{m_has_ended ? -1 : m_process.Get(), POLLIN, 0}};
+                                         pollfd{m_has_ended ? -1 : m_process->Get(), POLLIN, 0}};
         poll(watched.data(), watched.size(), left > 0 ? static_cast<int>(left) : 0);
         if (watched[0].revents != 0)
             return "the command was stopped";
@@ -220,12 +248,15 @@ private:
         return Printable(std::string(m_errors.begin(), end)).substr(0, LONGEST_ERROR_LINE);
     }
 
-    void Terminate() const
+    void Terminate()
     {
         kill(-m_pid, SIGTERM);
-        pollfd ended{m_process.Get(), POLLIN, 0};
-        poll(&ended, 1, GRACE_MS);
+        if (m_process) {
+            pollfd ended{m_process->Get(), POLLIN, 0};
+            poll(&ended, 1, GRACE_MS);
+        }
         kill(-m_pid, SIGKILL);
+        m_process.reset();
         waitpid(m_pid, nullptr, 0);
     }
 
@@ -235,7 +266,7 @@ private:
     const Clock::time_point m_deadline;
 
     pid_t m_pid = -1;
-    Descriptor m_process;
+    std::optional<ProcessEnd> m_process;
     Descriptor m_in;
     Descriptor m_out;
     Descriptor m_err;
