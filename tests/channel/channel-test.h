@@ -75,12 +75,11 @@ protected:
     void OwnerChanged(const Stage& stage, const std::string& old_owner,
                       const std::string& new_owner, GDBusConnection* connection)
     {
-        GVariant* change =
+        g_autoptr(GVariant) change =
             g_variant_ref_sink(g_variant_new("(sss)", names::Peer("demo", stage.suffix).c_str(),
                                              old_owner.c_str(), new_owner.c_str()));
         stage.callback(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                        "org.freedesktop.DBus", "NameOwnerChanged", change, m_user_data);
-        g_variant_unref(change);
     }
 
     /// The half of a pulse that counts: `partner` releases the name.

@@ -37,7 +37,7 @@ void MountOver(const std::string& path, const std::string& content, const std::s
 {
     const std::string own = folder + "/" + std::filesystem::path(path).filename().string();
     std::ofstream(own) << content;
-    if (mount(own.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0)
+    if (mount(own.c_str(), path.c_str(), "none", MS_BIND, nullptr) != 0)
         throw PrivateAccounts::Unavailable{"cannot mount over " + path + ": " + ErrorText()};
 }
 
@@ -115,7 +115,7 @@ PrivateAccounts::PrivateAccounts(const std::string& folder, const std::vector<Ac
 {
     if (geteuid() != 0)
         throw Unavailable{"not root, and so no other user can be played"};
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0)
         throw Unavailable{"no mount namespace can be made: " + ErrorText()};
     std::string users = ContentOf("/etc/passwd");
     std::string groups = ContentOf("/etc/group");
