@@ -336,6 +336,9 @@ void PelmarEndpoint::Impl::Connect()
     GError* raw_error = nullptr;
     Connection connection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, m_calls.Cancellation(), &raw_error));
     const ErrorPtr error(raw_error);
+    // A connection that is closed already ends the process all the same, when its loop hears of it.
+    if (connection != nullptr)
+        g_dbus_connection_set_exit_on_close(connection.get(), m_options.exit_when_bus_dies);
     if (connection == nullptr) {
         ConnectionFailed("the system bus cannot be reached (" + TextOf(error.get()) +
                          "): is its daemon running, and DBUS_SYSTEM_BUS_ADDRESS right?");
@@ -368,7 +371,6 @@ void PelmarEndpoint::Impl::StartSession(Connection connection)
     m_reconnect_delay = FIRST_RECONNECT;
     m_closed_connections = 0;
     m_reported_failure.clear();
-    g_dbus_connection_set_exit_on_close(connection.get(), m_options.exit_when_bus_dies);
     m_session = std::make_shared<BusSession>(connection.get(), m_role, m_channel,
                                              m_options.intake_bytes, m_loop, m_calls, *this);
     m_session->Open();

@@ -1,10 +1,32 @@
 // The bus goes and comes back: a daemon that is killed, stopped, not there yet, or that cannot be
 // reached again because something else in the process holds the closed connection.
 
+#include <dlfcn.h>
+
 #include "captured-log.h"
 #include "endpoint-fixture.h"
 #include "endpoint-process.h"
+#include "hanging-up-daemon.h"
 #include "peer-process.h"
+
+namespace {
+
+std::atomic<bool> slow_to_look{false};
+
+}  // namespace
+
+// Called by the endpoint instead of GIO's. A thread may be kept from running after it got the
+// connection, until that is closed.
+GDBusConnection* g_bus_get_sync(GBusType type, GCancellable* cancellable, GError** error)
+{
+    static const auto real =
+        reinterpret_cast<decltype(&g_bus_get_sync)>(dlsym(RTLD_NEXT, "g_bus_get_sync"));
+    GDBusConnection* connection = real(type, cancellable, error);
+    while (slow_to_look && connection != nullptr &&
+           g_dbus_connection_is_closed(connection) == FALSE)
+        std::this_thread::yield();
+    return connection;
+}
 
 namespace {
 
@@ -208,6 +230,20 @@ TEST_P(AnEndpointThatLosesTheBus, KeepsAPartnerThatIsStoppedForAWhile)
 }
 
 // ---- Not there yet -------------------------------------------------------------------------
+
+// GLib ends a process whose connection goes, unless it was told before; and it tells the loop of
+// the one that made the connection later, whenever it went.
+TEST(AnEndpointWhoseConnectionIsClosedBeforeItLooks, DoesNotEndItsProcess)
+{
+    const HangingUpDaemon daemon;
+    slow_to_look = true;
+    PelmarEndpoint endpoint(CHANNEL, {});
+    const auto has_tried_again = [&daemon] {
+        WakeTest();
+        return daemon.Calls() >= 3;
+    };
+    IterateUntil(has_tried_again, "the endpoint to try again");
+}
 
 class AnEndpointWithoutABus : public EitherEndpointTest {
 protected:
