@@ -9,12 +9,18 @@ processes_patience=30       # seconds, for what takes a fraction of one
 # $processes_dir/NAME.out, its standard error to $processes_dir/NAME.err, its id to $started.
 start()
 {
-    local out=$processes_dir/$1.out err=$processes_dir/$1.err
+    start_reading /dev/null "$@"
+}
+
+# start_reading FILE NAME COMMAND [ARGUMENT...]: the same, with the file as its standard input.
+start_reading()
+{
+    local out=$processes_dir/$2.out err=$processes_dir/$2.err
     # Made here, so that they are there before the process is.
     : >"$out"
     : >"$err"
     # In a session of its own: the kernel hangs up the whole group of a stopped process.
-    setsid setpriv --pdeathsig KILL "${@:2}" </dev/null >>"$out" 2>>"$err" &
+    setsid setpriv --pdeathsig KILL "${@:3}" <"$1" >>"$out" 2>>"$err" &
     started=$!
 }
 
@@ -37,13 +43,14 @@ start_private_bus()
     start_bus dbus-daemon
 }
 
-# start_bus NAME: the same, for a script that starts several.
+# start_bus NAME [CONFIGURATION]: the same, for a script that starts several, or one with rules of its
+# own.
 start_bus()
 {
+    local rules=${2-$(dirname "${BASH_SOURCE[0]}")/private-bus.conf}
     export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$processes_dir/$1.bus
     start "$1" dbus-daemon --nofork --nopidfile --print-address=1 \
-        --config-file="$(dirname "${BASH_SOURCE[0]}")/private-bus.conf" \
-        --address="$DBUS_SYSTEM_BUS_ADDRESS"
+        --config-file="$rules" --address="$DBUS_SYSTEM_BUS_ADDRESS"
     # shellcheck disable=SC2034
     bus=$started
     await "$1" "$started" unix:path=

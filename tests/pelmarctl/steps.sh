@@ -69,12 +69,7 @@ declare -A told
 start_told()  # NAME COMMAND...
 {
     mkfifo "$processes_dir/$1.in"
-    : >"$processes_dir/$1.out"
-    : >"$processes_dir/$1.err"
-    # As start does it: it may be stopped.
-    setsid setpriv --pdeathsig KILL "${@:2}" <"$processes_dir/$1.in" \
-        >>"$processes_dir/$1.out" 2>>"$processes_dir/$1.err" &
-    started=$!
+    start_reading "$processes_dir/$1.in" "$@"
     local descriptor
     exec {descriptor}>"$processes_dir/$1.in"
     told[$1]=$descriptor
@@ -117,11 +112,7 @@ start_bus_with()  # XML
   $1
 </busconfig>
 END
-    export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$processes_dir/bus
-    start dbus-daemon dbus-daemon --nofork --nopidfile --print-address=1 \
-        --config-file="$processes_dir/bus.conf"
-    bus=$started
-    await dbus-daemon "$bus" unix:path=
+    start_bus dbus-daemon "$processes_dir/bus.conf"
 }
 
 # Nobody but the daemon's own rules let anybody own a name.
