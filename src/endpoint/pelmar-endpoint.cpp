@@ -12,6 +12,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <stdexcept>
 #include <utility>
 
 #include "async-calls.h"
@@ -769,7 +770,8 @@ std::optional<std::string> PelmarEndpoint::Impl::WaitForPartner(
 
 PelmarEndpoint::PelmarEndpoint(const std::string& channel, Handlers handlers, Options options)
 {
-    CheckChannelName(channel);
+    if (const std::string fault = FaultInChannelName(channel); !fault.empty())
+        throw std::invalid_argument(fault);
     m_impl = std::make_unique<Impl>(channel, std::move(handlers), options);
 }
 

@@ -7,7 +7,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdio>
-#include <stdexcept>
 #include <string>
 
 // The bus names of a channel's stages (SYN, SYN_ACK, ACK) and where its object is.
@@ -40,24 +39,24 @@ inline std::string Shown(const std::string& name)
     return shown;
 }
 
-// Throws std::invalid_argument, which names the fault, for what cannot be a channel's name.
-inline void CheckChannelName(const std::string& name)
+// What is wrong with a channel's name, and the remedy; empty when nothing is.
+inline std::string FaultInChannelName(const std::string& name)
 {
-    const auto refuse = [&name](const std::string& fault) {
-        throw std::invalid_argument("channel name '" + Shown(name) + "' " + fault +
-                                    "; use 1 to 222 letters, digits and underscores, the first "
-                                    "not a digit");
+    const auto fault = [&name](const std::string& what) {
+        return "channel name '" + Shown(name) + "' " + what +
+               "; use 1 to 222 letters, digits and underscores, the first not a digit";
     };
     if (name.empty())
-        refuse("is empty");
+        return fault("is empty");
     if (name.size() > LONGEST_CHANNEL_NAME)
-        refuse("has " + std::to_string(name.size()) + " characters");
+        return fault("has " + std::to_string(name.size()) + " characters");
     if (g_ascii_isdigit(name.front()))
-        refuse("begins with a digit");
+        return fault("begins with a digit");
     for (const char character : name) {
         if (!g_ascii_isalnum(character) && character != '_')
-            refuse("contains '" + Shown(character) + "'");
+            return fault("contains '" + Shown(character) + "'");
     }
+    return {};
 }
 
 #endif

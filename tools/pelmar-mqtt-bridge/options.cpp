@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
-#include <stdexcept>
 
 #include "channel-names.h"
 #include "exit-status.h"
@@ -53,20 +52,12 @@ struct Given {
     throw CLI::ValidationError(option, text);
 }
 
-void CheckChannel(const std::string& name, const std::string& option)
-{
-    try {
-        CheckChannelName(name);
-    } catch (const std::invalid_argument& fault) {
-        Refuse(option, fault.what());
-    }
-}
-
 void AddChannels(Options& options, const std::vector<std::string>& names, CarriedChannel::Side side,
                  const std::string& option)
 {
     for (const std::string& name : names) {
-        CheckChannel(name, option);
+        if (const std::string fault = FaultInChannelName(name); !fault.empty())
+            Refuse(option, fault);
         for (const CarriedChannel& other : options.channels) {
             if (other.name == name && other.side == side)
                 Refuse(option, "the channel " + name + " is named twice");

@@ -55,17 +55,9 @@ CLI::Option* AddSeconds(CLI::App& command, const std::string& name, std::optiona
 
 CLI::Option* AddChannel(CLI::App& command, std::string& channel)
 {
-    const auto check = [](const std::string& name) -> std::string {
-        try {
-            CheckChannelName(name);
-            return {};
-        } catch (const std::invalid_argument& fault) {
-            return fault.what();
-        }
-    };
     return command.add_option("CHANNEL", channel, "The channel's name")
         ->option_text(" ")
-        ->check(check);
+        ->check(FaultInChannelName);
 }
 
 void AddRole(CLI::App& command, PelmarEndpoint::Role& role)
