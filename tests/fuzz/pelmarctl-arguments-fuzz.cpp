@@ -1,11 +1,7 @@
-// Any words as the arguments of pelmarctl, a line each. What they ask for is not done. The
-// program's source is a part of this one, since the command line is put together inside of it.
-
-#define main pelmarctl_main
-#include "../../tools/pelmarctl/main.cpp"
-#undef main
+// Any words as the arguments of pelmarctl, a line each. What they ask for is not done.
 
 #include "input.h"
+#include "program-options.h"
 
 namespace {
 
