@@ -52,6 +52,9 @@ void cb_Connected(GObject* /*source*/, GAsyncResult* result, gpointer user_data)
         static_cast<std::shared_ptr<Connecting>*>(user_data));
     GError* error = nullptr;
     (*connecting)->connection.reset(g_bus_get_finish(result, &error));
+    // At once: GLib may say in this very round of the loop that the connection has gone already.
+    if ((*connecting)->connection != nullptr)
+        g_dbus_connection_set_exit_on_close((*connecting)->connection.get(), FALSE);
     (*connecting)->error.reset(error);
     (*connecting)->done = true;
 }
@@ -100,7 +103,6 @@ Bus::Bus(EventQueue& queue, milliseconds timeout) : m_queue(queue)
     if (connecting->connection == nullptr)
         throw Failure(Exit::bus, where + TextOf(connecting->error.get()));
     m_connection = std::move(connecting->connection);
-    g_dbus_connection_set_exit_on_close(m_connection.get(), FALSE);
     m_closed_handler = g_signal_connect(m_connection.get(), "closed", G_CALLBACK(cb_Closed), this);
 }
 
