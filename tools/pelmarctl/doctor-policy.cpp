@@ -17,14 +17,6 @@
 
 namespace {
 
-std::string Joined(const std::vector<std::string>& texts)
-{
-    std::string joined;
-    for (const std::string& text : texts)
-        joined += (joined.empty() ? "" : ", ") + text;
-    return joined;
-}
-
 std::string InstallRemedy(const std::string& channel)
 {
     return "pelmarctl policy " + channel +

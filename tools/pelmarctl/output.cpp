@@ -120,6 +120,14 @@ std::string Count(std::size_t count, const std::string& noun)
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
+std::string Joined(const std::vector<std::string>& texts)
+{
+    std::string joined;
+    for (const std::string& text : texts)
+        joined += (joined.empty() ? "" : ", ") + text;
+    return joined;
+}
+
 std::string Printable(const std::string& text)
 {
     const std::unique_ptr<char, decltype(&g_free)> valid(

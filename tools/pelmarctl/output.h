@@ -23,6 +23,9 @@ std::string HexDump(const Bytes& data);
 // "1 message", "2 messages".
 std::string Count(std::size_t count, const std::string& noun);
 
+// "a, b, c".
+std::string Joined(const std::vector<std::string>& texts);
+
 // With what would confuse a terminal or break the line replaced.
 std::string Printable(const std::string& text);
 

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "stage-names.h"
-
 namespace {
 
 using std::chrono::milliseconds;
@@ -12,17 +10,6 @@ using std::chrono::milliseconds;
 // Nobody can say how many partners there are. Those that are there answer one and the same pulse,
 // within this of each other.
 constexpr milliseconds QUIET_TIME{100};
-
-// A bus that hangs does not keep the program from ending.
-constexpr milliseconds FAREWELL{500};
-
-std::string Joined(const std::vector<std::string>& names)
-{
-    std::string text;
-    for (const std::string& name : names)
-        text += (text.empty() ? "" : ", ") + name;
-    return text;
-}
 
 std::string Seconds(milliseconds time)
 {
@@ -33,17 +20,6 @@ std::string Seconds(milliseconds time)
 }
 
 }  // namespace
-
-const char* NameOf(PelmarEndpoint::Role role)
-{
-    return role == PelmarEndpoint::Role::service ? "service" : "client";
-}
-
-PelmarEndpoint::Role OtherRole(PelmarEndpoint::Role role)
-{
-    using Role = PelmarEndpoint::Role;
-    return role == Role::service ? Role::client : Role::service;
-}
 
 Exit ExitOf(PelmarEndpoint::Status status)
 {
@@ -100,16 +76,6 @@ Session::Session(Tool& tool, const std::string& channel, Role role,
     PelmarEndpoint::Options options;
     options.role = role;
     m_endpoint = std::make_unique<PelmarEndpoint>(channel, std::move(handlers), options);
-}
-
-Session::~Session()
-{
-    m_endpoint.reset();
-    try {
-        m_bus.Settle(FAREWELL);
-    } catch (...) {
-        m_tool.output.Detail("the bus has not taken everything");
-    }
 }
 
 void Session::OnReady(const std::string& partner)

@@ -10,6 +10,7 @@
 #include "bus.h"
 #include "failure.h"
 #include "pelmar-endpoint.h"
+#include "stage-names.h"
 #include "tool.h"
 
 class Session {
@@ -25,7 +26,7 @@ public:
             PelmarEndpoint::Handlers handlers = {});
 
     // Takes the endpoint off the channel; what it still had to say is on the bus afterwards.
-    ~Session();
+    ~Session() = default;
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
@@ -53,11 +54,8 @@ private:
     Bus m_bus;
     PelmarEndpoint::Handlers m_handlers;
     EventQueue::Clock::time_point m_last_ready;
-    std::unique_ptr<PelmarEndpoint> m_endpoint;
+    std::unique_ptr<PelmarEndpoint> m_endpoint;  // last: its handlers use the others
 };
-
-const char* NameOf(PelmarEndpoint::Role role);
-PelmarEndpoint::Role OtherRole(PelmarEndpoint::Role role);
 
 // How a command ends to which this status came.
 Exit ExitOf(PelmarEndpoint::Status status);

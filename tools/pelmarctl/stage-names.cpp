@@ -19,6 +19,17 @@ bool EndsWith(const std::string& text, const std::string& end)
 
 }  // namespace
 
+const char* NameOf(PelmarEndpoint::Role role)
+{
+    return role == PelmarEndpoint::Role::service ? "service" : "client";
+}
+
+PelmarEndpoint::Role OtherRole(PelmarEndpoint::Role role)
+{
+    using Role = PelmarEndpoint::Role;
+    return role == Role::service ? Role::client : Role::service;
+}
+
 StageNames::StageNames(const std::string& channel, PelmarEndpoint::Role role)
     : m_names(NamesOf(channel, role))
 {

@@ -12,6 +12,10 @@
 constexpr std::array<PelmarEndpoint::Role, 2> BOTH_ROLES = {PelmarEndpoint::Role::service,
                                                             PelmarEndpoint::Role::client};
 
+// "service", "client".
+const char* NameOf(PelmarEndpoint::Role role);
+PelmarEndpoint::Role OtherRole(PelmarEndpoint::Role role);
+
 class StageNames {
 public:
     StageNames(const std::string& channel, PelmarEndpoint::Role role);

@@ -163,18 +163,20 @@ std::optional<MatchRules> MatchRules::Read(Bus& bus)
     return rules;
 }
 
+const std::vector<MatchRules::Rule>& MatchRules::RulesOf(const std::string& name) const
+{
+    static const std::vector<Rule> none;
+    const auto found = m_rules.find(name);
+    return found != m_rules.end() ? found->second : none;
+}
+
 bool MatchRules::TakesPart(const std::string& name, const std::string& channel,
                            PelmarEndpoint::Role role) const
 {
-    const auto found = m_rules.find(name);
-    if (found == m_rules.end())
-        return false;
-    const auto other =
-        role == PelmarEndpoint::Role::service ? BOTH_ROLES.back() : BOTH_ROLES.front();
-    const StageNames watched(channel, other);
-    return std::any_of(found->second.begin(), found->second.end(), [&](const Rule& rule) {
-        const auto names = watched.All();
-        return std::find(names.begin(), names.end(), ValueIn(rule, "arg0")) != names.end();
+    const auto watched = StageNames(channel, OtherRole(role)).All();
+    const std::vector<Rule>& rules = RulesOf(name);
+    return std::any_of(rules.begin(), rules.end(), [&](const Rule& rule) {
+        return std::find(watched.begin(), watched.end(), ValueIn(rule, "arg0")) != watched.end();
     });
 }
 
@@ -193,10 +195,7 @@ std::set<std::string> MatchRules::Members(const std::string& channel) const
 std::set<std::string> MatchRules::ChannelsOf(const std::string& name) const
 {
     std::set<std::string> channels;
-    const auto found = m_rules.find(name);
-    if (found == m_rules.end())
-        return channels;
-    for (const Rule& rule : found->second) {
+    for (const Rule& rule : RulesOf(name)) {
         if (const auto stage = ParseStageName(ValueIn(rule, "arg0")))
             channels.insert(stage->channel);
     }
@@ -206,10 +205,7 @@ std::set<std::string> MatchRules::ChannelsOf(const std::string& name) const
 std::set<std::string> MatchRules::WiredBy(const std::string& name, const std::string& channel) const
 {
     std::set<std::string> partners;
-    const auto found = m_rules.find(name);
-    if (found == m_rules.end())
-        return partners;
-    for (const Rule& rule : found->second) {
+    for (const Rule& rule : RulesOf(name)) {
         const std::string sender = ValueIn(rule, "sender");
         if (!sender.empty() && sender.front() == ':' &&
             ValueIn(rule, "path") == ObjectPath(channel))
@@ -220,8 +216,7 @@ std::set<std::string> MatchRules::WiredBy(const std::string& name, const std::st
 
 std::size_t MatchRules::CountOf(const std::string& name) const
 {
-    const auto found = m_rules.find(name);
-    return found != m_rules.end() ? found->second.size() : 0;
+    return RulesOf(name).size();
 }
 
 Survey TakeSurvey(Bus& bus, const std::set<std::string>& known,

@@ -48,6 +48,8 @@ public:
     std::size_t CountOf(const std::string& name) const;
 
 private:
+    const std::vector<Rule>& RulesOf(const std::string& name) const;
+
     std::map<std::string, std::vector<Rule>> m_rules;
 };
 
