@@ -59,7 +59,7 @@ PelmarEndpoint::Handlers AttachSide::EndpointHandlers()
         if (share == nullptr)
             Post([this] { Refuse("a notification found the bridge's queue full"); });
         else
-            Post([this, share, data = std::move(data)] { CarryNotification(data, share); });
+            Post([this, share, data = std::move(data)] { OnNotification(data, share); });
     };
     handlers.message = [this](Bytes& /*data*/) -> Bytes {
         const std::string text = "a bridge carries calls from clients to the service only";
@@ -88,20 +88,12 @@ void AttachSide::OnServiceLost(const std::string& service)
     Decide();
 }
 
-void AttachSide::CarryNotification(const Bytes& data, const ByteBudget::Share& share)
+void AttachSide::OnNotification(const Bytes& data, const ByteBudget::Share& share)
 {
-    const std::string too_large = TooLarge(data.size());
-    if (!IsAnnounced()) {
+    if (IsAnnounced())
+        CarryNotification(GetTopics().Make("down", Session()), data, share);
+    else
         Refuse("a notification of the service came while no bridge could be told");
-    } else if (!too_large.empty()) {
-        Refuse(too_large);
-    } else {
-        MqttMessage message =
-            NewNumberedMessage(GetTopics().Make("down", Session()), "notification");
-        message.payload = data;
-        ++Counted().notifications;
-        Publish(message, share);
-    }
 }
 
 // ---- Whether this bridge carries the service -----------------------------------------------
@@ -218,7 +210,7 @@ void AttachSide::Welcome(const std::string& from, const MqttMessage& greeting)
 {
     if (!IsAnnounced())
         return;
-    m_senders[from].StartAfter(static_cast<std::uint64_t>(NumberOf(greeting, "number")));
+    m_senders[from].StartAfter(SequenceNumberOf(greeting));
     MqttMessage welcome = NewMessage(GetTopics().Make("reply", Session(), from), "welcome");
     welcome.properties["clock"] = std::to_string(ClockNow());
     welcome.properties["number"] = std::to_string(LastNumber());
@@ -232,12 +224,8 @@ void AttachSide::Take(const std::string& from, MqttMessage& message)
         Refuse("a message came from a bridge that had not greeted this one");
         return;
     }
-    std::uint64_t missing = 0;
-    if (!sender->second.Take(static_cast<std::uint64_t>(NumberOf(message, "number")), missing)) {
-        ++Counted().duplicates;
+    if (!IsNew(sender->second, message))
         return;
-    }
-    CountLost(missing);
     ByteBudget::Share share = TakeRoom(message.payload.size());
     Inbound inbound{from, std::move(message), std::move(share)};
     if (inbound.share == nullptr) {

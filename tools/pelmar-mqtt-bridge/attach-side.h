@@ -10,7 +10,6 @@
 
 #include "bridge-side.h"
 #include "presence-board.h"
-#include "sequence-memory.h"
 
 class AttachSide final : public BridgeSide {
 public:
@@ -37,7 +36,7 @@ private:
     PelmarEndpoint::Handlers EndpointHandlers();
     void OnServiceReady(const std::string& service);
     void OnServiceLost(const std::string& service);
-    void CarryNotification(const Bytes& data, const ByteBudget::Share& share);
+    void OnNotification(const Bytes& data, const ByteBudget::Share& share);
 
     void OnServiceState(const std::string& session, const MqttMessage& state);
     void OnOfferState(const std::string& session, const MqttMessage& state);

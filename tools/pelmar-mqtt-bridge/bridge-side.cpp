@@ -51,6 +51,11 @@ std::int64_t NumberOf(const MqttMessage& message, const std::string& property)
     return found == message.properties.end() ? 0 : std::strtoll(found->second.c_str(), nullptr, 10);
 }
 
+std::uint64_t SequenceNumberOf(const MqttMessage& message)
+{
+    return static_cast<std::uint64_t>(NumberOf(message, "number"));
+}
+
 BridgeSide::BridgeSide(EventLoop& loop, const Options& options, const std::string& channel,
                        const std::string& kind, Fatal fatal)
     : m_loop(loop),
@@ -245,6 +250,34 @@ void BridgeSide::Publish(const MqttMessage& message, ByteBudget::Share share,
     });
 }
 
+void BridgeSide::CarryNotification(const std::string& topic, const Bytes& data,
+                                   ByteBudget::Share share)
+{
+    const std::string too_large = TooLarge(data.size());
+    if (!too_large.empty()) {
+        Refuse(too_large);
+        return;
+    }
+    MqttMessage message = NewNumberedMessage(topic, "notification");
+    message.payload = data;
+    ++m_counters.notifications;
+    Publish(message, std::move(share));
+}
+
+bool BridgeSide::IsNew(SequenceMemory& received, const MqttMessage& message)
+{
+    std::uint64_t missing = 0;
+    if (!received.Take(SequenceNumberOf(message), missing)) {
+        ++m_counters.duplicates;
+        return false;
+    }
+    if (missing != 0) {
+        m_counters.lost += missing;
+        report::Error(std::to_string(missing) + " messages were lost on the way to this bridge");
+    }
+    return true;
+}
+
 std::string BridgeSide::TooLarge(std::size_t size) const
 {
     if (size <= m_largest_message)
@@ -259,12 +292,4 @@ void BridgeSide::Refuse(const std::string& reason)
     if (!m_refusals.insert(reason).second || m_refusals.size() > MOST_REASONS)
         return;
     report::Error(reason + " (said once, then counted)");
-}
-
-void BridgeSide::CountLost(std::uint64_t missing)
-{
-    if (missing == 0)
-        return;
-    m_counters.lost += missing;
-    report::Error(std::to_string(missing) + " messages were lost on the way to this bridge");
 }

@@ -16,6 +16,7 @@
 #include "mqtt-link.h"
 #include "options.h"
 #include "pelmar-endpoint.h"
+#include "sequence-memory.h"
 #include "topics.h"
 
 using Bytes = PelmarEndpoint::Bytes;
@@ -26,6 +27,9 @@ std::int64_t ClockNow();
 
 // A user property that is a number; 0 when it is missing or none.
 std::int64_t NumberOf(const MqttMessage& message, const std::string& property);
+
+// Which one of its sender's messages it is.
+std::uint64_t SequenceNumberOf(const MqttMessage& message);
 
 // Lives in the loop's thread, but for what says otherwise.
 class BridgeSide : public MqttLinkEvents {
@@ -84,12 +88,17 @@ protected:
     // Takes room in the queue; from any thread. Null when there is none.
     ByteBudget::Share TakeRoom(std::size_t size) { return m_budget.Take(size); }
 
+    // Sends a notification on its way, unless it is too large.
+    void CarryNotification(const std::string& topic, const Bytes& data, ByteBudget::Share share);
+
+    // Counts what is a duplicate, which is not to be taken, and what is missing before it.
+    bool IsNew(SequenceMemory& received, const MqttMessage& message);
+
     // Why the message is too large to be carried; empty when it is not.
     std::string TooLarge(std::size_t size) const;
 
     // Counts, and says so the first time in a session for each reason.
     void Refuse(const std::string& reason);
-    void CountLost(std::uint64_t missing);
 
     // A task for the loop; from any thread.
     void Post(EventLoop::Task task) { m_loop.Post(std::move(task)); }

@@ -99,7 +99,7 @@ void OfferSide::Join(const std::string& service, const MqttMessage& welcome)
     m_unanswered_greetings = 0;
     m_reported_loop = false;
     m_received = {};
-    m_received.StartAfter(static_cast<std::uint64_t>(NumberOf(welcome, "number")));
+    m_received.StartAfter(SequenceNumberOf(welcome));
     PelmarEndpoint::Options options;
     options.role = PelmarEndpoint::Role::service;
     options.queue_bytes = GetOptions().queue_bytes;
@@ -158,8 +158,9 @@ PelmarEndpoint::Handlers OfferSide::EndpointHandlers()
             PostWhileJoined(join,
                             [this] { Refuse("a notification found the bridge's queue full"); });
         else
-            PostWhileJoined(
-                join, [this, share, data = std::move(data)] { SendNotification(data, share); });
+            PostWhileJoined(join, [this, share, data = std::move(data)] {
+                CarryNotification(GetTopics().Make("up", m_service, Session()), data, share);
+            });
     };
     return handlers;
 }
@@ -186,20 +187,6 @@ void OfferSide::SendRequest(const Bytes& data, const PelmarEndpoint::Reply& repl
     ++Counted().requests;
     Publish(request, share,
             [this, number](const std::string& error) { FailPending(number, error); });
-}
-
-void OfferSide::SendNotification(const Bytes& data, const ByteBudget::Share& share)
-{
-    const std::string too_large = TooLarge(data.size());
-    if (!too_large.empty()) {
-        Refuse(too_large);
-        return;
-    }
-    MqttMessage message =
-        NewNumberedMessage(GetTopics().Make("up", m_service, Session()), "notification");
-    message.payload = data;
-    ++Counted().notifications;
-    Publish(message, share);
 }
 
 void OfferSide::FailPending(std::uint64_t number, const std::string& text)
@@ -248,12 +235,8 @@ void OfferSide::OnAnswer(MqttMessage& message)
 
 void OfferSide::OnNotification(MqttMessage& message)
 {
-    std::uint64_t missing = 0;
-    if (!m_received.Take(static_cast<std::uint64_t>(NumberOf(message, "number")), missing)) {
-        ++Counted().duplicates;
+    if (!IsNew(m_received, message))
         return;
-    }
-    CountLost(missing);
     const PelmarEndpoint::Status status = m_endpoint->Notify(message.payload);
     if (status == PelmarEndpoint::Status::ok)
         ++Counted().notifications;

@@ -11,7 +11,6 @@
 
 #include "bridge-side.h"
 #include "presence-board.h"
-#include "sequence-memory.h"
 
 class OfferSide final : public BridgeSide {
 public:
@@ -41,7 +40,6 @@ private:
     PelmarEndpoint::Handlers EndpointHandlers();
     void SendRequest(const Bytes& data, const PelmarEndpoint::Reply& reply,
                      const ByteBudget::Share& share);
-    void SendNotification(const Bytes& data, const ByteBudget::Share& share);
     void OnReply(const std::string& from, MqttMessage& message);
     void OnAnswer(MqttMessage& message);
     void OnNotification(MqttMessage& message);
