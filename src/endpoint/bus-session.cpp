@@ -170,12 +170,11 @@ void BusSession::BoundIntake()
                      [context, report] { PostTo(context.get(), report); });
 }
 
-// The connection's own signal would come in the context of whoever made the connection first.
+// The connection's own signal would come in the context of whoever made the connection first. All
+// the transports that GIO knows are sockets.
 void BusSession::WatchConnection()
 {
     GIOStream* stream = g_dbus_connection_get_stream(m_connection.get());
-    if (!G_IS_SOCKET_CONNECTION(stream))
-        return;
     GSocket* socket = g_socket_connection_get_socket(G_SOCKET_CONNECTION(stream));
     m_broken_source.reset(g_unix_fd_source_new(g_socket_get_fd(socket), G_IO_HUP));
     g_source_set_callback(m_broken_source.get(), G_SOURCE_FUNC(cb_ConnectionBroken), this, nullptr);

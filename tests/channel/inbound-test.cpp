@@ -132,10 +132,10 @@ protected:
     void HandOn(GDBusConnection* connection, const std::string& path, gpointer user_data,
                 const std::string& interface = names::INTERFACE, const std::string& method = "Send")
     {
-        GVariant* body = g_variant_ref_sink(BusActor::Body(BytesOf("x")));
+        const std::unique_ptr<GVariant, decltype(&g_variant_unref)> body(
+            g_variant_ref_sink(BusActor::Body(BytesOf("x"))), g_variant_unref);
         PelmarDbusLocal::cb_MethodCall(connection, "partner", path.c_str(), interface.c_str(),
-                                       method.c_str(), body, m_invocation, user_data);
-        g_variant_unref(body);
+                                       method.c_str(), body.get(), m_invocation, user_data);
     }
 
     void SetUp() override

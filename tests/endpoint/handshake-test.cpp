@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "bus-monitor.h"
+#include "captured-log.h"
 #include "channel-end.h"
 #include "endpoint-fixture.h"
 #include "endpoint-process.h"
@@ -446,6 +447,16 @@ TEST_F(AServiceEndpoint, KeepsNoRecordOfAClientThatPulsedNothingButAnAckAndLeft)
     BusActor hasty(m_bus);
     hasty.Pulse(Peers(names::ACK));
     hasty.Leave();
+    // The channel's own record of it goes too.
+    const std::string removal = "Removed " + hasty.UniqueName() + " connection owner";
+    const auto is_removed = [&removal] {
+        WakeTest();
+        const std::vector<LogLine> log = CapturedLog(true);
+        return std::any_of(log.begin(), log.end(), [&removal](const LogLine& line) {
+            return line.text.find(removal) != std::string::npos;
+        });
+    };
+    IterateUntil(is_removed, "the record to go");
     BusActor partner(m_bus);
     MakeReady(partner);
     EXPECT_EQ(Status::no_such_partner, m_endpoint->Notify({}, hasty.UniqueName()));

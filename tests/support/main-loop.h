@@ -24,10 +24,13 @@ inline void IterateUntil(const std::function<bool()>& condition, const std::stri
     };
     const auto deadline = std::chrono::duration_cast<milliseconds>(TEST_DEADLINE).count();
     const guint timer = g_timeout_add(static_cast<guint>(deadline), expire, &expired);
-    while (!condition() && !expired)
+    bool holds = condition();
+    while (!holds && !expired) {
         g_main_context_iteration(nullptr, TRUE);
+        holds = condition();
+    }
     g_source_remove(timer);
-    if (!condition())
+    if (!holds)
         throw std::runtime_error("waited in vain for " + awaited);
 }
 
