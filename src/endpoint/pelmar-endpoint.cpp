@@ -685,16 +685,16 @@ void PelmarEndpoint::Impl::ConfirmQueue()
 {
     m_confirm_timer.Disarm();
     const Lock lock(m_mutex);
-    if (m_connection == nullptr)
-        return;
-    m_calls.Start(m_connection.get(), DaemonMethod("GetId"), nullptr, nullptr,
-                  static_cast<int>(m_confirm_patience.count()),
-                  [this, asked_at = m_queued](GVariant* reply, const GError* error) {
-                      if (reply != nullptr)
-                          QueueTaken(asked_at);
-                      else if (StatusOf(*error) == Status::timeout)
-                          ConfirmAgain();
-                  });
+    const auto answered = [this, asked_at = m_queued](GVariant* reply, const GError* error) {
+        if (reply != nullptr)
+            QueueTaken(asked_at);
+        else if (StatusOf(*error) == Status::timeout)
+            ConfirmAgain();
+    };
+    // It may have gone since this was asked for.
+    if (m_connection != nullptr)
+        m_calls.Start(m_connection.get(), DaemonMethod("GetId"), nullptr, nullptr,
+                      static_cast<int>(m_confirm_patience.count()), answered);
 }
 
 // A dbus-daemon that stopped to read, because too much of this process's is unread, may have the
