@@ -32,6 +32,12 @@ public:
         RunInside({"ip", "link", "set", peer, "up"});
     }
 
+    // The kernel takes its time to remove a network whose last process has ended, and the next test
+    // wants a link of the same name.
+    ~Network() { ChildProcess({"ip", "link", "delete", m_link}).WaitForEnd(); }
+    Network(const Network&) = delete;
+    Network& operator=(const Network&) = delete;
+
     std::vector<std::string> Launcher() const { return {"nsenter", "--net", "-t", Pid()}; }
     void Cut() { RunToEnd({"ip", "link", "set", m_link, "down"}); }
     void Mend() { RunToEnd({"ip", "link", "set", m_link, "up"}); }
