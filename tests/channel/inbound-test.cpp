@@ -132,10 +132,9 @@ protected:
     void HandOn(GDBusConnection* connection, const std::string& path, gpointer user_data,
                 const std::string& interface = names::INTERFACE, const std::string& method = "Send")
     {
-        const std::unique_ptr<GVariant, decltype(&g_variant_unref)> body(
-            g_variant_ref_sink(BusActor::Body(BytesOf("x"))), g_variant_unref);
+        g_autoptr(GVariant) body = g_variant_ref_sink(BusActor::Body(BytesOf("x")));
         PelmarDbusLocal::cb_MethodCall(connection, "partner", path.c_str(), interface.c_str(),
-                                       method.c_str(), body.get(), m_invocation, user_data);
+                                       method.c_str(), body, m_invocation, user_data);
     }
 
     void SetUp() override

@@ -241,13 +241,14 @@ protected:
         return bytes;
     }
 
-    void ExpectQueueToDrain()
+    // Until there is room for `data`.
+    void ExpectQueueToDrain(const Bytes& data = BytesOf("again"))
     {
-        const auto drained = [this] {
+        const auto drained = [&] {
             // The queue drains by itself; a round trip to the daemon paces the question.
             m_partner.Settle();
             WakeTest();
-            return m_endpoint->Notify(BytesOf("again")) == Status::ok;
+            return m_endpoint->Notify(data) == Status::ok;
         };
         IterateUntil(drained, "room in the queue");
     }
@@ -285,12 +286,8 @@ TEST_F(ANotificationOnASmallQueue, IsCountedUntilTheDaemonHasTakenItAndNotOnlyWh
     EXPECT_EQ(Status::ok, m_endpoint->Notify(half));
     EXPECT_EQ(Status::queue_full, m_endpoint->Notify(half));
     m_bus.Daemon().Signal(SIGCONT);
-    const auto is_empty = [this] {
-        m_partner.Settle();
-        WakeTest();
-        return m_endpoint->Notify(Bytes(SmallQueue().queue_bytes * 2)) == Status::ok;
-    };
-    IterateUntil(is_empty, "an empty queue");
+    // Only an empty queue takes what is larger than itself.
+    ExpectQueueToDrain(Bytes(SmallQueue().queue_bytes * 2));
 }
 
 TEST_F(ANotificationOnASmallQueue, FindsRoomAfterTheDaemonWasSilentForLongerThanTheEndpointWaits)
