@@ -252,6 +252,17 @@ protected:
         };
         IterateUntil(drained, "room in the queue");
     }
+
+    // Only an empty queue takes what is larger than itself.
+    void ExpectQueueToBecomeEmpty() { ExpectQueueToDrain(Bytes(SmallQueue().queue_bytes * 2)); }
+
+    // The endpoint asks a stopped daemon whether it has taken what was sent.
+    void SendHalfTheQueueAndAwaitTheQuestion()
+    {
+        EXPECT_EQ(Status::ok, m_endpoint->Notify(Bytes(SmallQueue().queue_bytes / 2 - 1000)));
+        // Requests go out in their turn, so the question is out when this has timed out.
+        EXPECT_EQ(Status::timeout, Request({}, milliseconds(1)).status);
+    }
 };
 
 TEST_F(ANotificationOnASmallQueue, FindsItFullWhileTheDaemonIsStopped)
@@ -279,15 +290,22 @@ TEST_F(ANotificationOnASmallQueue, IsCountedUntilTheDaemonHasTakenItAndNotOnlyWh
 {
     StartWithPartner(SmallQueue());
     m_bus.Daemon().Signal(SIGSTOP);
+    SendHalfTheQueueAndAwaitTheQuestion();
     const Bytes half(SmallQueue().queue_bytes / 2 - 1000);
-    EXPECT_EQ(Status::ok, m_endpoint->Notify(half));
-    // The endpoint has asked the daemon for the first half when this has timed out.
-    Request({}, milliseconds(1));
     EXPECT_EQ(Status::ok, m_endpoint->Notify(half));
     EXPECT_EQ(Status::queue_full, m_endpoint->Notify(half));
     m_bus.Daemon().Signal(SIGCONT);
-    // Only an empty queue takes what is larger than itself.
-    ExpectQueueToDrain(Bytes(SmallQueue().queue_bytes * 2));
+    ExpectQueueToBecomeEmpty();
+}
+
+TEST_F(ANotificationOnASmallQueue, IsAskedForALittleLaterWhenItIsShortAndWasSentAfterTheQuestion)
+{
+    StartWithPartner(SmallQueue());
+    m_bus.Daemon().Signal(SIGSTOP);
+    SendHalfTheQueueAndAwaitTheQuestion();
+    EXPECT_EQ(Status::ok, m_endpoint->Notify({}));
+    m_bus.Daemon().Signal(SIGCONT);
+    ExpectQueueToBecomeEmpty();
 }
 
 TEST_F(ANotificationOnASmallQueue, FindsRoomAfterTheDaemonWasSilentForLongerThanTheEndpointWaits)
