@@ -338,13 +338,16 @@ TEST_P(AnEndpointWhosePulseIsLost, PulsesAgainUntilItShowsAmongPulsesOfTheSameNa
 {
     m_role = GetParam();
     PeerProcess partner(PlainPartner(), CHANNEL);
-    // Whoever else is on this side of the channel pulses and pulses.
+    // Whoever else is on this side of the channel pulses and pulses, as fast as the partner keeps
+    // up: what piles up before a plain channel nobody bounds.
     std::atomic<bool> over{false};
     std::thread pulses([&, name = Own(names::SYN)] {
         BusActor rival(m_bus);
         while (!over) {
             rival.Acquire(name);
+            AskForProperties(rival, partner.Name());
             rival.Release(name);
+            AskForProperties(rival, partner.Name());
         }
     });
     Start(GetParam());
