@@ -91,8 +91,7 @@ void HandshakeRepair::PeersSyn(const std::string& partner, TimePoint now)
     if (m_role == Role::service)
         return;
     // The service learns of this client by the SYN_ACK, unless it has seen the SYN before.
-    if (!PulseOf(Stage::syn).in_flight)
-        PulseOf(Stage::syn).missing = false;
+    PulseOf(Stage::syn).missing = false;
     if (m_syn_shown && now - *m_syn_shown < LONGEST_START)
         m_crossing.insert(partner);
 }
@@ -120,7 +119,7 @@ void HandshakeRepair::PeersAck(const std::string& partner, TimePoint now)
 
 void HandshakeRepair::ChannelReady(const std::string& partner, TimePoint now)
 {
-    const bool is_known = !PulseOf(Stage::syn).missing && !PulseOf(Stage::syn_ack).missing;
+    const bool is_known = !PulseOf(Stage::syn).IsOpen() && !PulseOf(Stage::syn_ack).IsOpen();
     if (m_role == Role::client && !is_known)
         m_unconfirmed[partner] = Waiting{now, now, false};
     else
@@ -166,7 +165,7 @@ void HandshakeRepair::UnconfirmedPartnerAnswered(const std::string& partner, Pro
         return;
     found->second.probing = false;
     found->second.next_step = now + PEERS_OWN_REPAIR;
-    if (result == ProbeResult::silent || AnyMissing())
+    if (result == ProbeResult::silent || AnyOpen())
         return;
     m_unconfirmed.erase(found);
     m_actions.ReportReady(partner);
@@ -237,7 +236,7 @@ void HandshakeRepair::WakeHalfPartners(TimePoint as_of)
 void HandshakeRepair::WakeUnconfirmedPartners(TimePoint as_of)
 {
     for (auto& [partner, waiting] : m_unconfirmed) {
-        if (AnyMissing())
+        if (AnyOpen())
             waiting.next_step = std::max(waiting.next_step, as_of + FIRST_WINDOW);
         else
             ProbeWhenDue(partner, waiting, as_of);
@@ -256,10 +255,10 @@ void HandshakeRepair::ProbeWhenDue(const std::string& partner, Waiting& waiting,
     m_actions.Probe(partner);
 }
 
-bool HandshakeRepair::AnyMissing() const
+bool HandshakeRepair::AnyOpen() const
 {
     return std::any_of(m_pulses.begin(), m_pulses.end(),
-                       [](const OwnPulse& pulse) { return pulse.missing; });
+                       [](const OwnPulse& pulse) { return pulse.IsOpen(); });
 }
 
 // A client pulses ACK only after it has wired this side up.

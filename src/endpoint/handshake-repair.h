@@ -77,6 +77,9 @@ public:
 
 private:
     struct OwnPulse {
+        // What peers may still learn by it, they have not learnt.
+        bool IsOpen() const { return missing || in_flight; }
+
         bool missing = false;
         bool in_flight = false;
         int attempts = 0;
@@ -91,7 +94,7 @@ private:
     using WaitingPartners = std::map<std::string, Waiting>;
 
     OwnPulse& PulseOf(Stage stage) { return m_pulses[IndexOf(stage)]; }
-    bool AnyMissing() const;
+    bool AnyOpen() const;
     void PeersSyn(const std::string& partner, TimePoint now);
     void PeersSynAck(const std::string& partner, TimePoint now);
     void PeersAck(const std::string& partner, TimePoint now);

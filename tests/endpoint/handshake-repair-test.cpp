@@ -326,6 +326,22 @@ TEST_F(AClientsRepair, NeedsNoSynOnceTheServiceHasPulsedIts)
     EXPECT_THAT(ActionsWithin(seconds(60)), IsEmpty());
 }
 
+TEST_F(AClientsRepair, NeedsNoSynAlsoWhenOneWasOnItsWayInVainAsTheServicePulsedIts)
+{
+    m_repair.Require(Stage::syn, m_now);
+    ASSERT_THAT(NextActions(), ElementsAre("pulse SYN"));
+    WireHalf(":1.1");
+    ShowPeers(Stage::ack, ":1.1");
+    m_actions.wiring[":1.1"] = Wiring::ready;
+    m_repair.ChannelReady(":1.1", m_now);
+    EXPECT_THAT(ActionsWithin(seconds(60)), IsEmpty()) << "the service may still see the SYN";
+    m_repair.PulseAnswered(Stage::syn, PulseResult::done, m_now);
+    ASSERT_THAT(NextActions(), ElementsAre("probe :1.1"));
+    m_repair.ProbeAnswered(":1.1", ProbeResult::alive, m_now);
+    EXPECT_THAT(m_actions.Taken(), ElementsAre("ready :1.1"));
+    EXPECT_FALSE(m_repair.NextWake().has_value());
+}
+
 TEST_F(AClientsRepair, AnswersTheServiceThatSawItsSynBeforeItsAnswer)
 {
     m_repair.Require(Stage::syn, m_now);
