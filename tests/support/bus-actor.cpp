@@ -128,10 +128,11 @@ std::shared_ptr<BusActor::Call> BusActor::CallMethod(const std::string& destinat
         g_free(name);
         g_error_free(error);
     };
+    constexpr gint no_timeout = G_MAXINT;  // who waits for the call has a deadline
     g_dbus_connection_call(m_connection, destination.c_str(), path.c_str(),
                            names::INTERFACE.c_str(), method.c_str(), arguments,
-                           G_VARIANT_TYPE("(ay)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, finish,
-                           new std::shared_ptr<Call>(call));
+                           G_VARIANT_TYPE("(ay)"), G_DBUS_CALL_FLAGS_NONE, no_timeout, nullptr,
+                           finish, new std::shared_ptr<Call>(call));
     return call;
 }
 
