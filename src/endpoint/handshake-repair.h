@@ -77,7 +77,7 @@ public:
 
 private:
     struct OwnPulse {
-        // What peers may still learn by it, they have not learnt.
+        // It may still show.
         bool IsOpen() const { return missing || in_flight; }
 
         bool missing = false;

@@ -256,10 +256,13 @@ protected:
     // Only an empty queue takes what is larger than itself.
     void ExpectQueueToBecomeEmpty() { ExpectQueueToDrain(Bytes(SmallQueue().queue_bytes * 2)); }
 
+    // Two of these fit into the queue, with what is counted beside their bytes.
+    static Bytes HalfTheQueue() { return Bytes(SmallQueue().queue_bytes / 2 - 1000); }
+
     // The endpoint asks a stopped daemon whether it has taken what was sent.
     void SendHalfTheQueueAndAwaitTheQuestion()
     {
-        EXPECT_EQ(Status::ok, m_endpoint->Notify(Bytes(SmallQueue().queue_bytes / 2 - 1000)));
+        EXPECT_EQ(Status::ok, m_endpoint->Notify(HalfTheQueue()));
         // Requests go out in their turn, so the question is out when this has timed out.
         EXPECT_EQ(Status::timeout, Request({}, milliseconds(1)).status);
     }
@@ -291,9 +294,8 @@ TEST_F(ANotificationOnASmallQueue, IsCountedUntilTheDaemonHasTakenItAndNotOnlyWh
     StartWithPartner(SmallQueue());
     m_bus.Daemon().Signal(SIGSTOP);
     SendHalfTheQueueAndAwaitTheQuestion();
-    const Bytes half(SmallQueue().queue_bytes / 2 - 1000);
-    EXPECT_EQ(Status::ok, m_endpoint->Notify(half));
-    EXPECT_EQ(Status::queue_full, m_endpoint->Notify(half));
+    EXPECT_EQ(Status::ok, m_endpoint->Notify(HalfTheQueue()));
+    EXPECT_EQ(Status::queue_full, m_endpoint->Notify(HalfTheQueue()));
     m_bus.Daemon().Signal(SIGCONT);
     ExpectQueueToBecomeEmpty();
 }
