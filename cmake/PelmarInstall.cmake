@@ -15,7 +15,7 @@ set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/PelmarDbusLocal)
 install(EXPORT PelmarDbusLocalTargets NAMESPACE Pelmar:: DESTINATION ${package_dir})
 configure_package_config_file(cmake/PelmarDbusLocalConfig.cmake.in PelmarDbusLocalConfig.cmake
   INSTALL_DESTINATION ${package_dir} PATH_VARS CMAKE_INSTALL_BINDIR NO_SET_AND_CHECK_MACRO)
-write_basic_package_version_file(PelmarDbusLocalConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+write_basic_package_version_file(PelmarDbusLocalConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/PelmarDbusLocalConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/PelmarDbusLocalConfigVersion.cmake
               cmake/PelmarPolicy.cmake
@@ -28,8 +28,8 @@ pelmar_pkgconfig_module(pelmar-dbus-local "${channel}, service role"
   REQUIRES ${gio} LIBRARIES pelmar-platform-log)
 pelmar_pkgconfig_module(pelmar-dbus-local-client "${channel}, client role"
   REQUIRES ${gio} LIBRARIES pelmar-platform-log DEFINITIONS PELMAR_ROLE_CLIENT)
-pelmar_pkgconfig_module(pelmar-endpoint "${channel}, with a thread of its own and repair"
-  USES ${gio} LIBRARIES pelmar-dbus-local pelmar-dbus-local-client pelmar-platform-log)
+pelmar_pkgconfig_module(pelmar-endpoint "${channel}, with threads of its own, repair and windows"
+  USES ${gio} LIBRARIES pelmar-platform-log)
 
 install(PROGRAMS packaging/dbus/pelmar-policy TYPE BIN)
 install(FILES packaging/dbus/pelmar-policy.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)

@@ -1,11 +1,19 @@
 #include "receiver.h"
 
+#include <poll.h>
+
+#include <algorithm>
+#include <array>
+
 #include "names.h"
 
 namespace {
 
 constexpr const char* DAEMON = "org.freedesktop.DBus";
 constexpr std::uint64_t PATIENCE_US = 20'000'000;
+
+// Nobody calls Send; but the object and its interface are there.
+const sd_bus_vtable OBJECT[] = {SD_BUS_VTABLE_START(0), SD_BUS_VTABLE_END};
 
 int SetWhenReleased(sd_bus_message* signal, void* user_data, sd_bus_error* /*error*/)
 {
@@ -37,8 +45,12 @@ Receiver::Receiver() : m_bus(OpenBus())
 void Receiver::Join(ServerProcess& server)
 {
     if (server.Kind().has_handshake) {
+        Checked(
+            sd_bus_add_object_vtable(m_bus.get(), nullptr, names::Path(server.Channel()).c_str(),
+                                     names::INTERFACE.c_str(), OBJECT, nullptr),
+            "exporting the object");
         ShakeHands(server.Channel());
-        server.WaitForReady();
+        AnswerUntilReady(server.Process());
     } else {
         server.Process().WriteLine("partner " + m_name);
         server.Process().WaitForLine("known " + m_name);
@@ -59,6 +71,23 @@ void Receiver::ShakeHands(const std::string& channel)
     while (!shown)
         Process();
     Pulse(m_bus.get(), names::Peer(channel, names::ACK));
+}
+
+void Receiver::AnswerUntilReady(ChildProcess& server)
+{
+    const auto is_ready = [](const std::string& line) { return line.rfind("ready ", 0) == 0; };
+    constexpr int turn_ms = 100;
+    for (const double deadline = Now() + PATIENCE_US * 1e-6; Now() < deadline;) {
+        while (Checked(sd_bus_process(m_bus.get(), nullptr), "answering the server") > 0) {
+        }
+        const std::vector<std::string> lines = server.ComeLines();
+        if (std::any_of(lines.begin(), lines.end(), is_ready))
+            return;
+        std::array<pollfd, 2> inputs = {
+            {{sd_bus_get_fd(m_bus.get()), POLLIN, 0}, {server.OutputDescriptor(), POLLIN, 0}}};
+        poll(inputs.data(), inputs.size(), turn_ms);
+    }
+    throw std::runtime_error("waited in vain for the server to be ready with " + m_name);
 }
 
 // One message at most; waits when there is none. Returns whether it was a notification.

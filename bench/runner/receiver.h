@@ -1,6 +1,6 @@
 /// @file
-/// A partner that costs next to nothing: it does the client's half of the handshake, and counts
-/// the notifications that reach it.
+/// A partner that costs next to nothing: it does the client's half of the handshake, answers what a
+/// server asks of a partner's object, and counts the notifications that reach it.
 #ifndef PELMAR_BENCH_RECEIVER_H
 #define PELMAR_BENCH_RECEIVER_H
 
@@ -24,6 +24,7 @@ public:
 
 private:
     void ShakeHands(const std::string& channel);
+    void AnswerUntilReady(ChildProcess& server);
     bool Process();
 
     BusPtr m_bus;

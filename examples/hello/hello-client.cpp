@@ -10,9 +10,8 @@
 
 int main()
 {
-    PelmarEndpoint::Options options;
-    options.role = PelmarEndpoint::Role::client;
-    PelmarEndpoint endpoint("hello", {}, options);
+    PelmarEndpoint endpoint(PelmarEndpoint::Role::client, "hello");
+    endpoint.Start();
 
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
     const auto partner = endpoint.WaitForPartner(deadline);
@@ -23,7 +22,7 @@ int main()
 
     const std::string name = "client";
     const PelmarEndpoint::Response response = endpoint.Request(
-        PelmarEndpoint::Bytes(name.begin(), name.end()), *partner, std::chrono::seconds(10));
+        *partner, PelmarEndpoint::Bytes(name.begin(), name.end()), std::chrono::seconds(10));
     if (response.status != PelmarEndpoint::Status::ok) {
         std::cerr << PelmarEndpoint::ToString(response.status) << ": " << response.error
                   << std::endl;

@@ -9,14 +9,15 @@
 
 int main()
 {
-    PelmarEndpoint::Handlers handlers;
-    handlers.ready = [](const std::string& partner) {
-        std::cout << partner << " is ready" << std::endl;
-    };
-    handlers.message = [](PelmarEndpoint::Bytes& data) {
-        const std::string text = "Hello, " + std::string(data.begin(), data.end()) + "!";
+    PelmarEndpoint endpoint(PelmarEndpoint::Role::service, "hello");
+    endpoint.OnReady([](const PelmarEndpoint::Partner& partner) {
+        std::cout << partner.Name() << " is ready" << std::endl;
+    });
+    endpoint.OnMessage([](PelmarEndpoint::Message& message) {
+        const std::string name(message.data.begin(), message.data.end());
+        const std::string text = "Hello, " + name + "!";
         return PelmarEndpoint::Bytes(text.begin(), text.end());
-    };
-    const PelmarEndpoint endpoint("hello", handlers);
-    pause();  // until it is ended: the endpoint has a thread of its own
+    });
+    endpoint.Start();
+    pause();  // until it is ended: the endpoint has threads of its own
 }

@@ -2,6 +2,8 @@
 
 #include <atomic>
 
+#include "quiet-thread.h"
+
 namespace {
 
 // GLib's locks hand the task over to the thread that runs it; the flag does it for the thread
@@ -52,7 +54,10 @@ void PostTo(GMainContext* context, std::function<void()> task)
     g_source_unref(source);
 }
 
-EventLoop::EventLoop() : m_context(g_main_context_new()), m_thread([this] { Run(); }) {}
+EventLoop::EventLoop()
+    : m_context(g_main_context_new()), m_thread(QuietThread("pelmar-io", [this] { Run(); }))
+{
+}
 
 void EventLoop::Run()
 {

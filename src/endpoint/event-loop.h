@@ -17,6 +17,7 @@ class EventLoop {
 public:
     using Task = std::function<void()>;
 
+    // Throws std::system_error when there can be no thread. The tasks may outlive the object.
     EventLoop();
 
     // The loop must have been ended.

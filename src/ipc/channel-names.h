@@ -9,13 +9,29 @@
 #include <cstdio>
 #include <string>
 
-// The bus names of a channel's stages (SYN, SYN_ACK, ACK) and where its object is.
-struct ChannelNames {
-    std::array<std::string, 3> own;
-    std::array<std::string, 3> peer;
-    std::string object_path;
-    std::string interface;
-};
+#include "channel-stage.h"
+
+// What the channel's class keeps to itself; a test compares the two.
+constexpr const char* CHANNEL_NAME_PREFIX = "org.vaska.Pelmar";
+constexpr const char* CHANNEL_OBJECT_ROOT = "/org/vaska/pelmar/CommunicationChannel";
+constexpr const char* CHANNEL_INTERFACE = "org.vaska.pelmar.DbusCommunication";
+constexpr const char* CHANNEL_METHOD = "Send";
+constexpr const char* CHANNEL_SIGNAL = "SendSignal";
+
+// The bus names that one side of a channel pulses, by stage.
+using ChannelStageNames = std::array<std::string, ALL_STAGES.size()>;
+
+inline ChannelStageNames StageNamesOf(const std::string& channel, ChannelRole role)
+{
+    const std::string base = std::string(CHANNEL_NAME_PREFIX) + "." + channel +
+                             (role == ChannelRole::service ? "_SERVICE" : "_CLIENT");
+    return {base + "_SYN", base + "_SYN_ACK", base + "_ACK"};
+}
+
+inline std::string ObjectPathOf(const std::string& channel)
+{
+    return std::string(CHANNEL_OBJECT_ROOT) + "/" + channel;
+}
 
 // What fits into a bus name together with the longest suffix.
 constexpr std::size_t LONGEST_CHANNEL_NAME = 222;

@@ -114,10 +114,6 @@ public:
     bool IsConnectionReady(const std::string& owner);
 
 private:
-    // Says the names below to those who look at a channel from outside; and for the endpoint it
-    // ends the channel safely and completes handshakes that a lost pulse left open.
-    friend class PelmarChannelAccess;
-
     enum {
         CONNECTION_NOT_STARTED = 0,
         CONNECTION_HANDSHAKE_SYN = 1,

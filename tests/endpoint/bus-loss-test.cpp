@@ -1,5 +1,4 @@
-// The bus goes and comes back: a daemon that is killed, stopped, not there yet, or that cannot be
-// reached again because something else in the process holds the closed connection.
+// The bus goes and comes back: a daemon that is killed, stopped, or not there yet.
 
 #include <dlfcn.h>
 
@@ -17,11 +16,11 @@ std::atomic<bool> slow_to_look{false};
 
 // Called by the endpoint instead of GIO's. A thread may be kept from running after it got the
 // connection, until that is closed.
-GDBusConnection* g_bus_get_sync(GBusType type, GCancellable* cancellable, GError** error)
+GDBusConnection* g_dbus_connection_new_for_address_finish(GAsyncResult* result, GError** error)
 {
-    static const auto real =
-        reinterpret_cast<decltype(&g_bus_get_sync)>(dlsym(RTLD_NEXT, "g_bus_get_sync"));
-    GDBusConnection* connection = real(type, cancellable, error);
+    static const auto real = reinterpret_cast<decltype(&g_dbus_connection_new_for_address_finish)>(
+        dlsym(RTLD_NEXT, "g_dbus_connection_new_for_address_finish"));
+    GDBusConnection* connection = real(result, error);
     while (slow_to_look && connection != nullptr &&
            g_dbus_connection_is_closed(connection) == FALSE)
         std::this_thread::yield();
@@ -101,7 +100,7 @@ TEST_P(AnEndpointThatLosesTheBus, IsReadyWithItsPartnersAgainEveryTimeItComesBac
     const auto call = partner.Send(OwnName(), CHANNEL, BytesOf("ab"));
     IterateUntil([&] { return call->Done(); }, "the answer to a message");
     EXPECT_EQ(BytesOf("ba"), call->reply);
-    EXPECT_EQ(Status::ok, m_endpoint->Notify({}));
+    EXPECT_EQ(Status::ok, m_endpoint->Notify(PartnerOf(partner), {}));
 }
 
 TEST_P(AnEndpointThatLosesTheBus, FindsAnEndpointThatLostItTooInItsNewLife)
@@ -130,13 +129,13 @@ TEST_P(AnEndpointThatLosesTheBus, SaysOnceThatTheBusCannotBeReachedWhileThatLast
     m_news.Await("problem");
     EXPECT_THAT(m_news.Of("problem ").front(),
                 testing::AllOf(HasSubstr("cannot be reached"), HasSubstr("daemon")));
-    // Its next attempts fail too: they begin a twentieth of a second apart. Another endpoint, which
-    // begins now, has failed and tried again when it is on the bus.
-    News others_news;
-    PelmarEndpoint other("other", others_news.Handlers());
-    others_news.Await("problem");
+    // Its next attempts fail too. Another endpoint, which begins now, has failed and tried again
+    // when it is on the bus.
+    End other(Role::service, "other");
+    other.endpoint.Start();
+    other.news.Await("problem");
     m_bus.Start();
-    others_news.Await("bus_back");
+    other.news.Await("bus_back");
     m_news.Await("bus_back");
     EXPECT_EQ(1U, m_news.Count("problem"));
     EXPECT_GE(ErrorsWith("cannot be reached"), 2U) << "logged as errors too, by both";
@@ -148,51 +147,73 @@ TEST_P(AnEndpointThatLosesTheBus, SaysOnceThatTheBusCannotBeReachedWhileThatLast
     EXPECT_EQ(2U, m_news.Count("problem")) << "once for each time";
 }
 
-TEST_P(AnEndpointThatLosesTheBus, ReconnectsTogetherWithTheOtherEndpointsOfTheProcess)
+TEST_P(AnEndpointThatLosesTheBus, SaysNothingOfADaemonThatIsRestarted)
 {
-    News others_news;
-    PelmarEndpoint::Options options;
-    options.role = Opposite(GetParam());
-    PelmarEndpoint other("other", others_news.Handlers(), options);
+    Start(GetParam());
+    RestartBus();
+    m_news.Await("bus_back");
+    EXPECT_EQ(0U, m_news.Count("problem"));
+    EXPECT_THAT(CapturedLog(), IsEmpty());
+}
+
+TEST_P(AnEndpointThatLosesTheBus, ReturnsAsTheOtherEndpointsOfTheProcessDo)
+{
+    End other(Opposite(GetParam()), "other");
+    other.endpoint.Start();
     Start(GetParam());
     for (std::size_t round = 1; round < 6; ++round) {
         RestartBus();
         m_news.Await("bus_back", round);
-        others_news.Await("bus_back", round);
+        other.news.Await("bus_back", round);
         BusActor partner(m_bus);
         MakeReady(partner);
     }
 }
 
-TEST_P(AnEndpointThatLosesTheBus, SaysThatSomethingElseHoldsTheConnectionAndComesBackWhenItLetsGo)
+TEST_P(AnEndpointThatLosesTheBus, ReturnsThoughTheApplicationHoldsAClosedConnection)
 {
-    Start(GetParam());
     GDBusConnection* held = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    g_dbus_connection_set_exit_on_close(held, FALSE);
+    Start(GetParam());
     RestartBus();
-    m_news.Await("problem the connection to the bus cannot be renewed");
-    EXPECT_EQ(0U, m_news.Count("bus_back"));
-    EXPECT_THAT(m_news.Of("problem ").front(), HasSubstr("release"));
-    g_object_unref(held);
     m_news.Await("bus_back");
-    EXPECT_EQ(1U, m_news.Count("problem"));
     BusActor partner(m_bus);
     MakeReady(partner);
+    IterateUntil([&] { return g_dbus_connection_is_closed(held) != FALSE; },
+                 "the application's connection to be closed");
+    g_object_unref(held);
+}
+
+TEST_P(AnEndpointThatLosesTheBus, LeavesToTheApplicationWhatBecomesOfTheSharedConnection)
+{
+    GDBusConnection* shared = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    for (const bool exits : {true, false}) {
+        g_dbus_connection_set_exit_on_close(shared, exits ? TRUE : FALSE);
+        Start(GetParam());
+        EXPECT_EQ(exits, g_dbus_connection_get_exit_on_close(shared) != FALSE);
+        m_endpoint.reset();
+        EXPECT_EQ(exits, g_dbus_connection_get_exit_on_close(shared) != FALSE);
+    }
+    g_object_unref(shared);
 }
 
 TEST_P(AnEndpointThatLosesTheBus, IsNotHeldUpByReplyThatIsStillOpen)
 {
-    PelmarEndpoint::Handlers handlers = m_news.Handlers();
     std::vector<PelmarEndpoint::Reply> replies;
-    handlers.deferred_message = [&](Bytes&, PelmarEndpoint::Reply reply) {
+    Make(GetParam());
+    m_endpoint->OnDeferredMessage([&](Message&, PelmarEndpoint::Reply reply) {
         replies.push_back(std::move(reply));
         m_news.Add("deferred");
-    };
-    Start(GetParam(), handlers);
+    });
+    m_endpoint->Start();
     BusActor partner(m_bus);
     partner.Send(OwnName(), CHANNEL, {});
     m_news.Await("deferred");
+    EXPECT_TRUE(replies.front().IsWanted());
     RestartBus();
     m_news.Await("bus_back");
+    EXPECT_FALSE(replies.front().IsWanted());
+    replies.front().Send({});
 }
 
 TEST_P(AnEndpointThatLosesTheBus, SurvivesADaemonThatIsStoppedForAWhile)
@@ -201,9 +222,9 @@ TEST_P(AnEndpointThatLosesTheBus, SurvivesADaemonThatIsStoppedForAWhile)
     BusActor partner(m_bus);
     MakeReady(partner);
     m_bus.Daemon().Signal(SIGSTOP);
-    EXPECT_EQ(Status::ok, m_endpoint->Notify(BytesOf("hello")));
+    EXPECT_EQ(1U, m_endpoint->NotifyAll(BytesOf("hello")).sent);
     EXPECT_EQ(Status::timeout,
-              m_endpoint->Request({}, partner.UniqueName(), std::chrono::milliseconds(100)).status);
+              m_endpoint->Request(PartnerOf(partner), {}, std::chrono::milliseconds(100)).status);
     m_bus.Daemon().Signal(SIGCONT);
     BusActor next(m_bus);
     MakeReady(next);
@@ -220,7 +241,7 @@ TEST_P(AnEndpointThatLosesTheBus, KeepsAPartnerThatIsStoppedForAWhile)
     m_news.Await("ready " + partner.Name());
     partner.Signal(SIGSTOP);
     for (int i = 0; i < 100; ++i)
-        EXPECT_EQ(Status::ok, m_endpoint->Notify(BytesOf(std::to_string(i % 10))));
+        EXPECT_EQ(1U, m_endpoint->NotifyAll(BytesOf(std::to_string(i % 10))).sent);
     BusActor other(m_bus);
     MakeReady(other);
     partner.Signal(SIGCONT);
@@ -237,7 +258,8 @@ TEST(AnEndpointWhoseConnectionIsClosedBeforeItLooks, DoesNotEndItsProcess)
 {
     const HangingUpDaemon daemon;
     slow_to_look = true;
-    PelmarEndpoint endpoint(CHANNEL, {});
+    PelmarEndpoint endpoint(Role::service, CHANNEL);
+    endpoint.Start();
     const auto has_tried_again = [&daemon] {
         WakeTest();
         return daemon.Calls() >= 3;
@@ -251,11 +273,14 @@ protected:
 };
 INSTANTIATE_TEST_SUITE_P(OfEitherRole, AnEndpointWithoutABus, BOTH_ROLES, RoleSuffix);
 
-TEST_P(AnEndpointWithoutABus, IsConstructedAllTheSameAndComesOntoTheBusLater)
+TEST_P(AnEndpointWithoutABus, IsStartedAllTheSameAndComesOntoTheBusLater)
 {
     Start(GetParam());
     m_news.Await("problem");
-    EXPECT_EQ(Status::bus_gone, m_endpoint->Notify({}));
+    EXPECT_FALSE(m_endpoint->IsOnBus());
+    EXPECT_EQ("", m_endpoint->Name());
+    EXPECT_EQ(Status::bus_gone, m_endpoint->Notify({}, {}));
+    EXPECT_EQ(0U, m_endpoint->NotifyAll({}).sent);
     EXPECT_THAT(m_endpoint->Partners(), IsEmpty());
     EXPECT_EQ(std::nullopt, m_endpoint->WaitForPartner({}));
     m_bus.Start();

@@ -1,7 +1,6 @@
 /// @file
 /// What the endpoint's tests share: an endpoint inside the test's process, and what its handlers
-/// are told. Its partners are actors or other processes: two ends of a channel do not find each
-/// other inside one process.
+/// are told. Its partners are actors, other processes or another endpoint of the test's own.
 #ifndef PELMAR_TESTS_ENDPOINT_FIXTURE_H
 #define PELMAR_TESTS_ENDPOINT_FIXTURE_H
 
@@ -11,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -25,6 +25,9 @@
 
 using Role = PelmarEndpoint::Role;
 using Status = PelmarEndpoint::Status;
+using Partner = PelmarEndpoint::Partner;
+using Message = PelmarEndpoint::Message;
+using Response = PelmarEndpoint::Response;
 
 inline const std::string CHANNEL = "demo";
 
@@ -61,32 +64,59 @@ inline int Scale(const char* variable, int in_the_suite)
     return text != nullptr ? std::stoi(text) : in_the_suite;
 }
 
+inline std::string TextOf(const Bytes& data)
+{
+    return {data.begin(), data.end()};
+}
+
+inline std::vector<std::string> NamesOf(const std::vector<Partner>& partners)
+{
+    std::vector<std::string> names;
+    for (const Partner& partner : partners)
+        names.push_back(partner.Name());
+    return names;
+}
+
+inline std::chrono::steady_clock::time_point In(std::chrono::milliseconds time)
+{
+    return std::chrono::steady_clock::now() + time;
+}
+
 /// Wakes the test's thread to look at its condition again.
 inline void WakeTest()
 {
     g_main_context_wakeup(nullptr);
 }
 
+/// The payload of the messages by which a test waits until the handlers have run.
+inline const std::string SETTLING = "settling";
+
 /// What the handlers of an endpoint were told, as lines, in order. From any thread.
 class News {
 public:
-    /// Each writes a line; a message is answered with its bytes reversed.
-    PelmarEndpoint::Handlers Handlers()
+    /// Sets all handlers but OnDeferredMessage. Each writes a line; a message is answered with its
+    /// bytes reversed.
+    void Follow(PelmarEndpoint& endpoint)
     {
-        PelmarEndpoint::Handlers handlers;
-        handlers.message = [this](Bytes& data) {
-            Add("message " + std::string(data.begin(), data.end()));
-            return Bytes(data.rbegin(), data.rend());
-        };
-        handlers.notification = [this](Bytes& data) {
-            Add("notification " + std::string(data.begin(), data.end()));
-        };
-        handlers.ready = [this](const std::string& partner) { Add("ready " + partner); };
-        handlers.lost = [this](const std::string& partner) { Add("lost " + partner); };
-        handlers.bus_lost = [this] { Add("bus_lost"); };
-        handlers.bus_back = [this] { Add("bus_back"); };
-        handlers.problem = [this](const std::string& text) { Add("problem " + text); };
-        return handlers;
+        endpoint.OnMessage([this](Message& message) {
+            if (TextOf(message.data) != SETTLING)
+                Add("message " + TextOf(message.data));
+            return Bytes(message.data.rbegin(), message.data.rend());
+        });
+        endpoint.OnNotification(
+            [this](Message& message) { Add("notification " + TextOf(message.data)); });
+        endpoint.OnReady([this](const Partner& partner) { AddReady(partner); });
+        endpoint.OnLost([this](const Partner& partner) { Add("lost " + partner.Name()); });
+        endpoint.OnRoom([this](const Partner& partner) { Add("room " + partner.Name()); });
+        endpoint.OnBusLost([this] { Add("bus_lost"); });
+        endpoint.OnBusBack([this] { Add("bus_back"); });
+        endpoint.OnProblem([this](PelmarEndpoint::Problem problem, const std::string& text) {
+            {
+                const std::lock_guard<std::mutex> lock(m_mutex);
+                m_problems.push_back(problem);
+            }
+            Add("problem " + text);
+        });
     }
 
     void Add(const std::string& line)
@@ -94,6 +124,29 @@ public:
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_lines.push_back(line);
         WakeTest();
+    }
+
+    void AddReady(const Partner& partner)
+    {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_partners[partner.Name()] = partner;
+        }
+        Add("ready " + partner.Name());
+    }
+
+    /// The one of that name that was reported ready last; nobody when none was.
+    Partner PartnerNamed(const std::string& name) const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const auto found = m_partners.find(name);
+        return found != m_partners.end() ? found->second : Partner();
+    }
+
+    std::vector<PelmarEndpoint::Problem> Problems() const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_problems;
     }
 
     std::vector<std::string> All() const
@@ -135,6 +188,29 @@ public:
 private:
     mutable std::mutex m_mutex;
     std::vector<std::string> m_lines;
+    std::vector<PelmarEndpoint::Problem> m_problems;
+    std::map<std::string, Partner> m_partners;
+};
+
+/// An endpoint and its news, for tests with several of them.
+struct End {
+    explicit End(Role role, const std::string& channel = CHANNEL) : endpoint(role, channel)
+    {
+        news.Follow(endpoint);
+    }
+
+    /// Waits until a partner is ready, without dispatching the main context.
+    Partner AwaitPartner() const
+    {
+        const auto partner =
+            endpoint.WaitForPartner(std::chrono::steady_clock::now() + TEST_DEADLINE);
+        if (!partner)
+            throw std::runtime_error("waited in vain for a partner");
+        return *partner;
+    }
+
+    News news;
+    PelmarEndpoint endpoint;
 };
 
 /// The same role as a parameter for what holds for both.
@@ -149,26 +225,37 @@ protected:
     /// `configuration` is XML that the daemon's configuration ends with.
     explicit EndpointTest(const std::string& configuration = "") : m_bus(configuration) {}
 
-    void Start(Role role, const PelmarEndpoint::Handlers& handlers,
-               PelmarEndpoint::Options options = {})
+    /// An endpoint whose handlers are the news'; not started.
+    void Make(Role role)
     {
-        options.role = role;
         m_role = role;
-        m_endpoint = std::make_unique<PelmarEndpoint>(CHANNEL, handlers, options);
+        m_endpoint = std::make_unique<PelmarEndpoint>(role, CHANNEL);
+        m_news.Follow(*m_endpoint);
     }
-    void Start(Role role = Role::service) { Start(role, m_news.Handlers()); }
+    void Start(Role role = Role::service)
+    {
+        Make(role);
+        m_endpoint->Start();
+    }
 
     std::string Own(const std::string& stage) const { return StageName(m_role, stage); }
     std::string Peers(const std::string& stage) const { return StageName(Opposite(m_role), stage); }
 
-    /// What a partner does that starts after the endpoint and sees all of its pulses.
+    /// What a plain partner does that starts after the endpoint and sees all of its pulses. It has
+    /// the channel's object, which answers in the test's main loop.
     void PulseHandshake(BusActor& partner) const
     {
-        if (m_role == Role::client) {
-            partner.Pulse(Peers(names::SYN_ACK));
-            return;
-        }
+        ServeAnything(partner);
+        PulseStages(partner);
+    }
+    void PulseStages(BusActor& partner) const
+    {
+        const auto changes = partner.WatchOwner(Own(names::SYN_ACK));
         partner.Pulse(Peers(names::SYN));
+        const std::string released = m_endpoint->Name() + "=>";
+        IterateUntil(
+            [&] { return std::find(changes->begin(), changes->end(), released) != changes->end(); },
+            "the answer to a SYN");
         partner.Pulse(Peers(names::ACK));
     }
     void MakeReady(BusActor& partner) const
@@ -177,42 +264,80 @@ protected:
         m_news.Await("ready " + partner.UniqueName());
     }
 
-    /// Returns when the endpoint's loop has dealt with all that `partner` did on the bus before,
-    /// and its handlers have been told.
-    void Settle(const BusActor& partner) const
+    /// The endpoint's partner that the actor is.
+    Partner PartnerOf(const BusActor& actor) const
     {
-        // What the first round makes the endpoint post to itself is over before the second.
-        for (int round = 0; round < 2; ++round)
-            ASSERT_TRUE(AskForProperties(partner, OwnName())) << "the endpoint does not answer";
+        return m_news.PartnerNamed(actor.UniqueName());
     }
 
-    /// A question that the loop of the endpoint at `name` answers after all that came before. False
-    /// when there is no endpoint.
+    static void ServeAnything(BusActor& partner)
+    {
+        if (!partner.Serves())
+            partner.Serve(CHANNEL, [](const Bytes& data) { return data; });
+    }
+
+    /// Returns when the endpoint has dealt with all that `partner` did on the bus before, and its
+    /// handlers have been told.
+    void Settle(BusActor& partner) const
+    {
+        partner.Settle();
+        BusActor stranger(m_bus);
+        // What the first round makes the endpoint send is answered before the second.
+        for (int round = 0; round < 2; ++round) {
+            ASSERT_TRUE(Call(stranger, OwnName(), names::INTERFACE, "Send",
+                             BusActor::Body(BytesOf(SETTLING))))
+                << "the endpoint does not answer";
+        }
+    }
+
+    /// A question that the endpoint at `name` answers after all that came before. False when there
+    /// is no endpoint.
     static bool AskForProperties(const BusActor& asker, const std::string& name)
     {
-        GVariant* reply = g_dbus_connection_call_sync(
-            asker.Connection(), name.c_str(), names::Path(CHANNEL).c_str(),
-            "org.freedesktop.DBus.Properties", "GetAll",
-            g_variant_new("(s)", names::INTERFACE.c_str()), nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
-            nullptr, nullptr);
-        if (reply != nullptr)
-            g_variant_unref(reply);
-        return reply != nullptr;
+        return Call(asker, name, "org.freedesktop.DBus.Properties", "GetAll",
+                    g_variant_new("(s)", names::INTERFACE.c_str()));
     }
 
-    /// The unique name of this process, for its partners.
-    static std::string OwnName()
+    /// How many match rules the daemon has of a connection; zero when it has gone. Only dbus-daemon
+    /// tells.
+    guint32 MatchRulesOf(const std::string& connection) const
     {
-        GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-        const std::string name = g_dbus_connection_get_unique_name(connection);
-        g_object_unref(connection);
-        return name;
+        const BusActor asker(m_bus);
+        GVariant* reply = g_dbus_connection_call_sync(
+            asker.Connection(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+            "org.freedesktop.DBus.Debug.Stats", "GetConnectionStats",
+            g_variant_new("(s)", connection.c_str()), G_VARIANT_TYPE("(a{sv})"),
+            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+        WakeTest();
+        if (reply == nullptr)
+            return 0;
+        GVariant* dictionary = g_variant_get_child_value(reply, 0);
+        guint32 rules = 0;
+        g_variant_lookup(dictionary, "MatchRules", "u", &rules);
+        g_variant_unref(dictionary);
+        g_variant_unref(reply);
+        return rules;
     }
+
+    /// The unique name of the endpoint.
+    std::string OwnName() const { return m_endpoint->Name(); }
 
     TestBus m_bus;
     News m_news;
     Role m_role = Role::service;
     std::unique_ptr<PelmarEndpoint> m_endpoint;
+
+private:
+    static bool Call(const BusActor& caller, const std::string& name, const std::string& interface,
+                     const char* method, GVariant* arguments)
+    {
+        GVariant* reply = g_dbus_connection_call_sync(
+            caller.Connection(), name.c_str(), names::Path(CHANNEL).c_str(), interface.c_str(),
+            method, arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+        if (reply != nullptr)
+            g_variant_unref(reply);
+        return reply != nullptr;
+    }
 };
 
 /// The same for what holds for either role.

@@ -88,7 +88,7 @@ protected:
         return SeenOf(name, endpoint);
     }
 
-    // A partner that is slow is asked whether it is there, and on a loaded machine each one is slow
+    // A partner that is slow is helped by a pulse more, and on a loaded machine each one is slow
     // now and then. That is no quiet bus.
     Seen RunEndpointQuietly()
     {
@@ -108,13 +108,20 @@ protected:
     std::chrono::steady_clock::duration m_handshake{};
 };
 
-TEST_P(AQuietBus, SeesNothingOfAnEndpointThatItDoesNotSeeOfAPlainChannelButItsMatchRules)
+TEST_P(AQuietBus, SeesThePulsesOfAPlainChannelAndTwoQuestionsOfAnEndpoint)
 {
     const Seen plain = RunPlain();
-    const Seen endpoint = RunEndpointQuietly();
-    EXPECT_EQ(plain.members, endpoint.members);
+    Seen endpoint = RunEndpointQuietly();
     EXPECT_EQ(plain.pulses, endpoint.pulses);
     EXPECT_EQ(2U, endpoint.pulses.size());
+    // Who the partner is, and whether it is there.
+    for (const std::string question : {"GetConnectionCredentials", "GetAll"}) {
+        const auto asked = std::find(endpoint.members.begin(), endpoint.members.end(), question);
+        ASSERT_NE(endpoint.members.end(), asked) << question;
+        endpoint.members.erase(asked);
+    }
+    EXPECT_THAT(endpoint.members,
+                ElementsAre("Hello", "RequestName", "ReleaseName", "RequestName", "ReleaseName"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -135,7 +142,7 @@ TEST_P(AnEndpoint, ReportsAPartnerReadyOnceAndLostOnce)
     Start(GetParam());
     BusActor partner(m_bus);
     MakeReady(partner);
-    EXPECT_THAT(m_endpoint->Partners(), ElementsAre(partner.UniqueName()));
+    EXPECT_THAT(m_endpoint->Partners(), ElementsAre(PartnerOf(partner)));
     partner.Leave();
     m_news.Await("lost " + partner.UniqueName());
     EXPECT_THAT(m_endpoint->Partners(), IsEmpty());
@@ -202,7 +209,7 @@ TEST_P(AnEndpoint, FindsARestartedPartnerUnderItsNewName)
     m_news.Await("lost " + first.Name());
     PeerProcess second(role, CHANNEL);
     m_news.Await("ready " + second.Name());
-    EXPECT_THAT(m_endpoint->Partners(), ElementsAre(second.Name()));
+    EXPECT_THAT(NamesOf(m_endpoint->Partners()), ElementsAre(second.Name()));
 }
 
 TEST_P(AnEndpoint, DoesNotFindPartnersOfAnotherChannel)
@@ -226,7 +233,10 @@ TEST_P(AnEndpoint, ReportsAsManyLostAsReadyWhenPartnersLeaveAtOnce)
     const int count = Scale("PELMAR_CHURN", 1000);
     for (int i = 0; i < count; ++i) {
         BusActor partner(m_bus);
-        PulseHandshake(partner);
+        for (const std::string& stage : {names::SYN, names::SYN_ACK, names::ACK})
+            partner.Pulse(Peers(stage));
+        // The question makes it a partner at once.
+        partner.Ask(OwnName(), CHANNEL);
         const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(i * 37 % 401);
         while (std::chrono::steady_clock::now() < end) {
         }
@@ -243,7 +253,7 @@ TEST_P(AnEndpoint, ReportsAsManyLostAsReadyWhenPartnersLeaveAtOnce)
     EXPECT_EQ(ready.size(), std::set<std::string>(ready.begin(), ready.end()).size());
     EXPECT_THAT(m_endpoint->Partners(), IsEmpty());
     for (const std::string& partner : ready)
-        ASSERT_EQ(Status::no_such_partner, m_endpoint->Notify({}, partner));
+        ASSERT_EQ(Status::no_such_partner, m_endpoint->Notify(m_news.PartnerNamed(partner), {}));
 }
 
 // ---- Lost pulses ---------------------------------------------------------------------------
@@ -362,12 +372,11 @@ TEST_P(AnEndpointWhosePulseIsLost, ReleasesTheNameAfterEveryAttempt)
     m_role = GetParam();
     m_squatter.Acquire(Own(names::SYN));
     Start(GetParam());
-    AwaitAttempts(Own(names::SYN), 4);
-    m_endpoint.reset();
+    AwaitAttempts(Own(names::SYN), 5);
     m_monitor.CatchUp(m_squatter.Connection());
-    // The channel itself does not release what it did not get.
-    EXPECT_EQ(m_monitor.Calls("RequestName", Own(names::SYN)) - 2,
-              m_monitor.Calls("ReleaseName", Own(names::SYN)));
+    // The squatter's own request is among them, and the last attempt may be under way.
+    const std::size_t requests = m_monitor.Calls("RequestName", Own(names::SYN)) - 1;
+    EXPECT_LE(requests - m_monitor.Calls("ReleaseName", Own(names::SYN)), 1U);
 }
 
 TEST_P(AnEndpointWhosePulseIsLost, NeverQueuesForAStageName)
@@ -447,22 +456,13 @@ TEST_F(AServiceEndpoint, CompletesWithAClientWhoseAckIsLost)
 
 TEST_F(AServiceEndpoint, KeepsNoRecordOfAClientThatPulsedNothingButAnAckAndLeft)
 {
+    const guint32 rules = MatchRulesOf(OwnName());
     BusActor hasty(m_bus);
     hasty.Pulse(Peers(names::ACK));
     hasty.Leave();
-    // The channel's own record of it goes too.
-    const std::string removal = "Removed " + hasty.UniqueName() + " connection owner";
-    const auto is_removed = [&removal] {
-        WakeTest();
-        const std::vector<LogLine> log = CapturedLog(true);
-        return std::any_of(log.begin(), log.end(), [&removal](const LogLine& line) {
-            return line.text.find(removal) != std::string::npos;
-        });
-    };
-    IterateUntil(is_removed, "the record to go");
+    IterateUntil([&] { return MatchRulesOf(OwnName()) == rules; }, "the record to go");
     BusActor partner(m_bus);
     MakeReady(partner);
-    EXPECT_EQ(Status::no_such_partner, m_endpoint->Notify({}, hasty.UniqueName()));
     EXPECT_THAT(m_news.All(), ElementsAre("ready " + partner.UniqueName()));
 }
 

@@ -1,5 +1,5 @@
-// What somebody has to mend outside the program: names and rules that the bus refuses, limits, two
-// channels of one name in a process; and channel names that cannot be.
+// What somebody has to mend outside the program: names and rules that the bus refuses, names that
+// are held, limits; and channel names that cannot be.
 
 #include <future>
 
@@ -13,6 +13,7 @@ using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using Problem = PelmarEndpoint::Problem;
 
 // ---- Names that the policy refuses ---------------------------------------------------------
 
@@ -37,21 +38,44 @@ TEST_F(AnEndpointThatMayNotOwnItsNames, SaysSoOnceWithTheRemedyWhileItLasts)
     // Its other names show, and it tries the refused one again.
     BusActor partner(m_bus);
     MakeReady(partner);
-    IterateUntil([&] { return m_monitor.Calls("RequestName", Own(names::SYN)) >= 3; },
+    IterateUntil([&] { return m_monitor.Calls("RequestName", Own(names::SYN)) >= 2; },
                  "another attempt");
     m_monitor.CatchUp(partner.Connection());
     Settle(partner);
     EXPECT_EQ(1U, m_news.Count("problem"));
+    EXPECT_THAT(m_news.Problems(), ElementsAre(Problem::name_refused));
     EXPECT_EQ(1U, ErrorsWith("does not let this process own"));
+}
+
+// ---- A name that is held -------------------------------------------------------------------
+
+class AnEndpointWhoseNameIsHeld : public EndpointTest {};
+
+TEST_F(AnEndpointWhoseNameIsHeld, SaysByWhomOnceAndAgainTheNextTime)
+{
+    for (std::size_t times = 1; times <= 2; ++times) {
+        BusActor squatter(m_bus);
+        squatter.Acquire(StageName(Role::service, names::SYN));
+        Start();
+        m_news.Await("problem", times);
+        EXPECT_THAT(m_news.Of("problem ").back(),
+                    AllOf(HasSubstr(Own(names::SYN)), HasSubstr(squatter.UniqueName())));
+        EXPECT_EQ(Problem::name_taken, m_news.Problems().back());
+        squatter.Leave();
+        BusActor partner(m_bus);
+        MakeReady(partner);
+        m_endpoint.reset();
+    }
+    EXPECT_EQ(2U, m_news.Count("problem"));
 }
 
 // ---- The limit of match rules --------------------------------------------------------------
 
-// With these the endpoint has rules for the channel and for two partners or so.
+// With these the endpoint has rules for the channel and for two partners.
 class AnEndpointBeyondTheMatchRuleLimit : public EndpointTest {
 protected:
     AnEndpointBeyondTheMatchRuleLimit()
-        : EndpointTest("<limit name=\"max_match_rules_per_connection\">10</limit>")
+        : EndpointTest("<limit name=\"max_match_rules_per_connection\">5</limit>")
     {
         Start();
         for (int i = 0; i < 8; ++i) {
@@ -70,7 +94,7 @@ TEST_F(AnEndpointBeyondTheMatchRuleLimit, FindsTheEndOfEveryPartnerWithinTenSeco
         m_partners[i]->Leave();
     m_news.Await("lost", m_partners.size() - 1);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-    EXPECT_THAT(m_endpoint->Partners(), ElementsAre(m_partners.back()->UniqueName()));
+    EXPECT_THAT(m_endpoint->Partners(), ElementsAre(PartnerOf(*m_partners.back())));
     EXPECT_EQ(m_partners.size() - 1, m_news.Count("lost"));
 }
 
@@ -89,7 +113,7 @@ TEST_F(AnEndpointBeyondTheMatchRuleLimit, StillTalksWithThePartnersBeyondIt)
 {
     BusActor& last = *m_partners.back();
     last.Listen(CHANNEL);
-    EXPECT_EQ(Status::ok, m_endpoint->Notify(BytesOf("there"), last.UniqueName()));
+    EXPECT_EQ(Status::ok, m_endpoint->Notify(PartnerOf(last), BytesOf("there")));
     IterateUntil([&] { return !last.Heard().empty(); }, "the notification");
     last.Emit(OwnName(), names::Path(CHANNEL), "SendSignal", BusActor::Body(BytesOf("back")));
     m_news.Await("notification back");
@@ -123,7 +147,7 @@ protected:
     }
 };
 
-TEST_F(AnEndpointBeyondAnotherLimit, GetsAnErrorForItsRequestAndDoesNotTakeItForTheMatchRules)
+TEST_F(AnEndpointBeyondAnotherLimit, IsBusyAndDoesNotTakeItForTheMatchRules)
 {
     Start();
     BusActor partner(m_bus);
@@ -134,9 +158,9 @@ TEST_F(AnEndpointBeyondAnotherLimit, GetsAnErrorForItsRequestAndDoesNotTakeItFor
     std::atomic<int> refused{0};
     std::atomic<int> ended{0};
     for (int i = 0; i < 8; ++i)
-        m_endpoint->Request({}, partner.UniqueName(), std::chrono::seconds(20),
-                            [&](const PelmarEndpoint::Response& response) {
-                                if (response.status == Status::remote_error && refused++ == 0)
+        m_endpoint->Request(PartnerOf(partner), {}, std::chrono::seconds(20),
+                            [&](const Response& response) {
+                                if (response.status == Status::busy && refused++ == 0)
                                     first_refused.set_value();
                                 ++ended;
                                 WakeTest();
@@ -147,31 +171,27 @@ TEST_F(AnEndpointBeyondAnotherLimit, GetsAnErrorForItsRequestAndDoesNotTakeItFor
     EXPECT_EQ(0U, m_news.Count("problem"));
 }
 
-// ---- Two channels of one name --------------------------------------------------------------
+// ---- Two endpoints of one channel ----------------------------------------------------------
 
-class TwoEndpointsOfOneName : public EndpointTest {};
+class TwoEndpointsOfOneChannel : public EndpointTest {};
 
-TEST_F(TwoEndpointsOfOneName, InOneProcessAreAProblemOfTheSecondAndDoNotFindEachOther)
+TEST_F(TwoEndpointsOfOneChannel, FindEachOtherInOneProcess)
 {
     Start(Role::service);
-    News second_news;
-    PelmarEndpoint::Options options;
-    options.role = Role::client;
-    PelmarEndpoint second(CHANNEL, second_news.Handlers(), options);
-    second_news.Await("problem");
-    EXPECT_THAT(second_news.Of("problem ").front(), HasSubstr(CHANNEL));
-    BusActor partner(m_bus);
-    MakeReady(partner);
-    EXPECT_THAT(m_news.All(), ElementsAre("ready " + partner.UniqueName()));
-    EXPECT_EQ(0U, second_news.Count("ready " + OwnName()));
-    EXPECT_EQ(1U, second_news.Count("problem"));
+    End second(Role::client);
+    second.endpoint.Start();
+    m_news.Await("ready " + second.endpoint.Name());
+    second.news.Await("ready " + OwnName());
+    EXPECT_EQ(0U, m_news.Count("problem"));
+    EXPECT_EQ(0U, second.news.Count("problem"));
 }
 
-TEST_F(TwoEndpointsOfOneName, LeaveTheFirstWithItsObjectWhenTheSecondEnds)
+TEST_F(TwoEndpointsOfOneChannel, LeaveTheFirstAsItWasWhenTheSecondEnds)
 {
     Start(Role::service);
     {
-        PelmarEndpoint second(CHANNEL, {});
+        PelmarEndpoint second(Role::client, CHANNEL);
+        second.Start();
     }
     BusActor partner(m_bus);
     MakeReady(partner);
@@ -187,7 +207,7 @@ protected:
     static std::string FaultOf(const std::string& name)
     {
         try {
-            PelmarEndpoint endpoint(name, {});
+            PelmarEndpoint endpoint(Role::service, name);
         } catch (const std::invalid_argument& fault) {
             return fault.what();
         }
@@ -221,12 +241,11 @@ TEST_F(AChannelName, OfEveryAllowedKindWorks)
 {
     for (const std::string& name :
          {std::string("a"), std::string("_"), std::string("Z_09"), std::string(222, 'x')}) {
-        News news;
-        PelmarEndpoint endpoint(name, news.Handlers());
-        BusActor partner(m_bus);
-        partner.Pulse(names::Base(name) + "_CLIENT_SYN");
-        partner.Pulse(names::Base(name) + "_CLIENT_ACK");
-        news.Await("ready " + partner.UniqueName());
+        End service(Role::service, name);
+        End client(Role::client, name);
+        service.endpoint.Start();
+        client.endpoint.Start();
+        EXPECT_EQ(client.AwaitPartner().Name(), service.endpoint.Name());
         EXPECT_THAT(CapturedLog(), IsEmpty());
     }
 }

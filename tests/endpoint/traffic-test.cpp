@@ -16,9 +16,8 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using Reply = PelmarEndpoint::Reply;
-using Response = PelmarEndpoint::Response;
 
-constexpr std::size_t LARGEST = PelmarEndpoint::MAX_MESSAGE_BYTES;
+constexpr std::size_t LARGEST = PelmarEndpoint::MAX_BUS_MESSAGE_BYTES;
 constexpr milliseconds LONG = std::chrono::seconds(20);
 
 // A place for what a callback of another thread brings.
@@ -54,25 +53,26 @@ class TrafficTest : public EndpointTest {
 protected:
     using EndpointTest::EndpointTest;
 
-    void StartWithPartner(PelmarEndpoint::Options options = {})
+    void StartWithPartner()
     {
-        Start(Role::service, m_news.Handlers(), options);
+        Start(Role::service);
         MakeReady(m_partner);
     }
+    Partner ThePartner() const { return PartnerOf(m_partner); }
+    Status Notify(const Bytes& data) { return m_endpoint->Notify(ThePartner(), data); }
 
     // The partner answers in the test's main context, so the request waits in another thread.
     Response Request(const Bytes& data, milliseconds timeout = LONG)
     {
         Arrival<Response> response;
-        m_endpoint->Request(data, m_partner.UniqueName(), timeout,
+        m_endpoint->Request(ThePartner(), data, timeout,
                             [&](Response came) { response.Set(std::move(came)); });
         return response.Await("a response");
     }
     Response BlockingRequest(const Bytes& data, milliseconds timeout = LONG)
     {
         Arrival<Response> response;
-        std::thread caller(
-            [&] { response.Set(m_endpoint->Request(data, m_partner.UniqueName(), timeout)); });
+        std::thread caller([&] { response.Set(m_endpoint->Request(ThePartner(), data, timeout)); });
         const Response came = response.Await("a response");
         caller.join();
         return came;
@@ -98,8 +98,10 @@ TEST_F(ANotification, ReachesThePartnerItIsMeantForAndNoOther)
     MakeReady(other);
     m_partner.Listen(CHANNEL);
     other.Listen(CHANNEL);
-    EXPECT_EQ(Status::ok, m_endpoint->Notify(BytesOf("one"), m_partner.UniqueName()));
-    EXPECT_EQ(Status::ok, m_endpoint->Notify(BytesOf("all")));
+    EXPECT_EQ(Status::ok, Notify(BytesOf("one")));
+    const PelmarEndpoint::Broadcast broadcast = m_endpoint->NotifyAll(BytesOf("all"));
+    EXPECT_EQ(2U, broadcast.sent);
+    EXPECT_THAT(broadcast.missed, IsEmpty());
     IterateUntil([&] { return !m_partner.Heard().empty() && !other.Heard().empty(); },
                  "the notifications");
     IterateUntil([&] { return m_partner.Heard().size() == 2; }, "the notification to all");
@@ -112,8 +114,8 @@ TEST_F(ANotification, MayHoldAnyBytesAndNone)
     StartWithPartner();
     m_partner.Listen(CHANNEL);
     const Bytes all{'\0', '\x7f', '\x80', '\xff', '\0'};
-    EXPECT_EQ(Status::ok, m_endpoint->Notify(all));
-    EXPECT_EQ(Status::ok, m_endpoint->Notify({}));
+    EXPECT_EQ(Status::ok, Notify(all));
+    EXPECT_EQ(Status::ok, Notify({}));
     IterateUntil([&] { return m_partner.Heard().size() == 2; }, "two notifications");
     EXPECT_THAT(m_partner.Heard(), ElementsAre(all, Bytes()));
 }
@@ -125,7 +127,7 @@ TEST_F(ANotification, ArrivesInTheOrderOfTheCalls)
     std::vector<Bytes> sent;
     for (int i = 0; i < 2000; ++i) {
         sent.push_back(BytesOf(std::to_string(i)));
-        ASSERT_EQ(Status::ok, m_endpoint->Notify(sent.back()));
+        ASSERT_EQ(Status::ok, Notify(sent.back()));
     }
     IterateUntil([&] { return m_partner.Heard().size() == sent.size(); }, "all notifications");
     EXPECT_EQ(sent, m_partner.Heard());
@@ -139,8 +141,7 @@ TEST_F(ANotification, MayBeSentByManyThreadsAtOnce)
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([this, i] {
             for (int j = 0; j < 250; ++j)
-                EXPECT_EQ(Status::ok,
-                          m_endpoint->Notify({static_cast<char>('a' + i), static_cast<char>(j)}));
+                EXPECT_EQ(Status::ok, Notify({static_cast<char>('a' + i), static_cast<char>(j)}));
         });
     }
     for (std::thread& thread : threads)
@@ -167,7 +168,7 @@ TEST_F(ANotification, OfTheLargestSizeArrives)
     StartWithPartner();
     m_partner.Listen(CHANNEL);
     const Bytes large(LARGEST, 'x');
-    EXPECT_EQ(Status::ok, m_endpoint->Notify(large));
+    EXPECT_EQ(Status::ok, Notify(large));
     IterateUntil([&] { return !m_partner.Heard().empty(); }, "a notification of the largest size");
     EXPECT_TRUE(large == m_partner.Heard().front());
 }
@@ -176,9 +177,13 @@ TEST_F(ANotification, ThatIsTooLargeIsNotSentAndTheConnectionLives)
 {
     StartWithPartner();
     m_partner.Listen(CHANNEL);
-    EXPECT_EQ(Status::too_large, m_endpoint->Notify(Bytes(LARGEST + 1)));
-    EXPECT_EQ(Status::too_large, m_endpoint->Notify(Bytes(LARGEST + 1), m_partner.UniqueName()));
-    EXPECT_EQ(Status::ok, m_endpoint->Notify(BytesOf("next")));
+    EXPECT_EQ(Status::too_large, Notify(Bytes(LARGEST + 1)));
+    const PelmarEndpoint::Broadcast broadcast = m_endpoint->NotifyAll(Bytes(LARGEST + 1));
+    EXPECT_EQ(0U, broadcast.sent);
+    ASSERT_EQ(1U, broadcast.missed.size());
+    EXPECT_EQ(Status::too_large, broadcast.missed[0].status);
+    EXPECT_EQ(ThePartner(), broadcast.missed[0].partner);
+    EXPECT_EQ(Status::ok, Notify(BytesOf("next")));
     IterateUntil([&] { return !m_partner.Heard().empty(); }, "the next notification");
     EXPECT_THAT(m_partner.Heard(), ElementsAre(BytesOf("next")));
     EXPECT_THAT(m_news.All(), ElementsAre("ready " + m_partner.UniqueName()));
@@ -187,10 +192,8 @@ TEST_F(ANotification, ThatIsTooLargeIsNotSentAndTheConnectionLives)
 TEST_F(ANotification, HasNoSuchPartnerWhenNobodyIsThere)
 {
     Start();
-    EXPECT_EQ(Status::no_such_partner, m_endpoint->Notify({}));
-    EXPECT_EQ(Status::no_such_partner, m_endpoint->Notify({}, ":1.999"));
-    EXPECT_EQ(Status::no_such_partner, m_endpoint->Notify({}, ""));
-    EXPECT_EQ(Status::no_such_partner, m_endpoint->Notify({}, "no bus name"));
+    EXPECT_EQ(Status::no_such_partner, m_endpoint->Notify({}, {}));
+    EXPECT_EQ(0U, m_endpoint->NotifyAll({}).sent);
 }
 
 TEST_F(ANotification, HasNoSuchPartnerWhenThePartnerHasGone)
@@ -198,213 +201,206 @@ TEST_F(ANotification, HasNoSuchPartnerWhenThePartnerHasGone)
     StartWithPartner();
     m_partner.Leave();
     m_news.Await("lost");
-    EXPECT_EQ(Status::no_such_partner, m_endpoint->Notify({}, m_partner.UniqueName()));
-    EXPECT_EQ(Status::no_such_partner, m_endpoint->Notify({}));
+    EXPECT_EQ(Status::no_such_partner, Notify({}));
+    EXPECT_FALSE(ThePartner().IsReady());
+    const PelmarEndpoint::Broadcast broadcast = m_endpoint->NotifyAll({});
+    EXPECT_EQ(0U, broadcast.sent);
+    EXPECT_THAT(broadcast.missed, IsEmpty());
 }
 
 TEST_F(ANotification, IsNotReadyWhileTheHandshakeIsUnderWay)
 {
+    // A stranger that calls becomes a partner.
+    std::vector<Partner> callers;
+    Make(Role::service);
+    m_endpoint->OnMessage([&](Message& message) {
+        callers.push_back(message.from);
+        return Bytes();
+    });
+    m_endpoint->Start();
+    const auto call = m_partner.Send(OwnName(), CHANNEL, {});
+    IterateUntil([&] { return call->Done(); }, "the answer");
+    const Partner stranger = callers.at(0);
+    EXPECT_EQ(Status::no_such_partner, m_endpoint->Notify(stranger, {}));
     BusActor squatter(m_bus);
-    Start();
     squatter.Acquire(Own(names::SYN_ACK));
+    ServeAnything(m_partner);
     m_partner.Pulse(Peers(names::SYN));
     Settle(m_partner);
-    EXPECT_EQ(Status::not_ready, m_endpoint->Notify({}, m_partner.UniqueName()));
-    EXPECT_EQ(Status::no_such_partner, m_endpoint->Notify({})) << "nobody is ready";
-    EXPECT_EQ(Status::not_ready,
-              m_endpoint->Request({}, m_partner.UniqueName(), milliseconds(100)).status);
+    EXPECT_EQ(Status::not_ready, m_endpoint->Notify(stranger, {}));
+    EXPECT_EQ(Status::not_ready, m_endpoint->Request(stranger, {}, milliseconds(100)).status);
+    EXPECT_EQ(0U, m_endpoint->NotifyAll({}).sent) << "nobody is ready";
+    EXPECT_FALSE(stranger.IsReady());
     EXPECT_THAT(m_endpoint->Partners(), IsEmpty());
+    squatter.Leave();
+    m_news.Await("ready " + m_partner.UniqueName());
+    EXPECT_EQ(stranger, ThePartner());
+    EXPECT_TRUE(stranger.IsReady());
+    EXPECT_EQ(Status::ok, m_endpoint->Notify(stranger, {}));
 }
 
-class ANotificationOnASmallQueue : public TrafficTest {
+class ANotificationInASmallWindow : public TrafficTest {
 protected:
+    static constexpr std::size_t WINDOW = 1024UL * 1024;
+
     using TrafficTest::TrafficTest;
 
-    static PelmarEndpoint::Options SmallQueue()
+    void StartWithSmallWindow()
     {
-        PelmarEndpoint::Options options;
-        options.queue_bytes = 1024UL * 1024;
-        return options;
+        Make(Role::service);
+        m_endpoint->SetWindow(WINDOW);
+        m_endpoint->Start();
+    }
+    void StartWithPartner()
+    {
+        StartWithSmallWindow();
+        MakeReady(m_partner);
     }
 
-    // Sends until the queue is full; returns how many bytes it took.
-    std::size_t FillQueue()
+    // Sends until the window is full; returns how many bytes it took.
+    std::size_t FillWindowOf(const Partner& partner)
     {
         const Bytes data(10000, 'x');
         std::size_t bytes = 0;
         Status status = Status::ok;
         while (status == Status::ok && bytes < 64UL * 1024 * 1024) {
-            status = m_endpoint->Notify(data);
+            status = m_endpoint->Notify(partner, data);
             bytes += status == Status::ok ? data.size() : 0;
         }
         EXPECT_EQ(Status::queue_full, status);
         return bytes;
     }
+    std::size_t FillWindow() { return FillWindowOf(ThePartner()); }
 
-    // Until there is room for `data`.
-    void ExpectQueueToDrain(const Bytes& data = BytesOf("again"))
+    void ExpectRoomFor(const Bytes& data)
     {
-        const auto drained = [&] {
-            // The queue drains by itself; a round trip to the daemon paces the question.
-            m_partner.Settle();
-            WakeTest();
-            return m_endpoint->Notify(data) == Status::ok;
-        };
-        IterateUntil(drained, "room in the queue");
-    }
-
-    // Only an empty queue takes what is larger than itself.
-    void ExpectQueueToBecomeEmpty() { ExpectQueueToDrain(Bytes(SmallQueue().queue_bytes * 2)); }
-
-    // Two of these fit into the queue, with what is counted beside their bytes.
-    static Bytes HalfTheQueue() { return Bytes(SmallQueue().queue_bytes / 2 - 1000); }
-
-    // The endpoint asks a stopped daemon whether it has taken what was sent.
-    void SendHalfTheQueueAndAwaitTheQuestion()
-    {
-        EXPECT_EQ(Status::ok, m_endpoint->Notify(HalfTheQueue()));
-        // Requests go out in their turn, so the question is out when this has timed out.
-        EXPECT_EQ(Status::timeout, Request({}, milliseconds(1)).status);
+        m_news.Await("room " + m_partner.UniqueName());
+        EXPECT_EQ(Status::ok, Notify(data));
     }
 };
 
-TEST_F(ANotificationOnASmallQueue, FindsItFullWhileTheDaemonIsStopped)
+TEST_F(ANotificationInASmallWindow, FindsItFullWhileTheDaemonIsStopped)
 {
-    StartWithPartner(SmallQueue());
+    StartWithPartner();
     m_bus.Daemon().Signal(SIGSTOP);
-    const std::size_t taken = FillQueue();
+    const std::size_t taken = FillWindow();
     m_bus.Daemon().Signal(SIGCONT);
-    EXPECT_LE(taken, SmallQueue().queue_bytes);
-    EXPECT_GT(taken, SmallQueue().queue_bytes / 2);
-    ExpectQueueToDrain();
+    EXPECT_LE(taken, WINDOW);
+    EXPECT_GT(taken, WINDOW / 2);
+    ExpectRoomFor(BytesOf("again"));
 }
 
-TEST_F(ANotificationOnASmallQueue, IsTakenWhenItIsLargerThanTheEmptyQueueAndFollowedByNone)
+TEST_F(ANotificationInASmallWindow, FindsItFullWhileThePartnersMainLoopStands)
 {
-    StartWithPartner(SmallQueue());
+    StartWithPartner();
+    const std::size_t taken = FillWindow();
+    EXPECT_LE(taken, WINDOW);
+    EXPECT_GT(taken, WINDOW / 2);
+    m_partner.Settle();
+    EXPECT_EQ(Status::queue_full, Notify(Bytes(10000)));
+    ExpectRoomFor(Bytes(10000));
+}
+
+TEST_F(ANotificationInASmallWindow, IsTakenWhenItIsLargerThanTheEmptyWindowAndFollowedByNone)
+{
+    StartWithPartner();
     m_bus.Daemon().Signal(SIGSTOP);
-    EXPECT_EQ(Status::ok, m_endpoint->Notify(Bytes(2 * SmallQueue().queue_bytes)));
-    EXPECT_EQ(Status::queue_full, m_endpoint->Notify({}));
+    EXPECT_EQ(Status::ok, Notify(Bytes(2 * WINDOW)));
+    EXPECT_EQ(Status::queue_full, Notify({}));
     m_bus.Daemon().Signal(SIGCONT);
-    ExpectQueueToDrain();
+    ExpectRoomFor({});
 }
 
-TEST_F(ANotificationOnASmallQueue, IsCountedUntilTheDaemonHasTakenItAndNotOnlyWhatWasSentBefore)
+TEST_F(ANotificationInASmallWindow, IsToldThatThereIsRoomWhenItFitsAndNotBefore)
 {
-    StartWithPartner(SmallQueue());
+    StartWithPartner();
+    // Two of these fit, with what is counted beside their bytes.
+    const Bytes half(WINDOW / 2 - 1000);
+    EXPECT_EQ(Status::ok, Notify(half));
+    EXPECT_EQ(Status::ok, Notify(half));
+    EXPECT_EQ(Status::queue_full, Notify(Bytes(2 * WINDOW)));
+    ExpectRoomFor(Bytes(2 * WINDOW));
+    EXPECT_EQ(1U, m_news.Count("room"));
+}
+
+TEST_F(ANotificationInASmallWindow, FindsRoomAfterTheDaemonWasSilentForLong)
+{
+    StartWithPartner();
     m_bus.Daemon().Signal(SIGSTOP);
-    SendHalfTheQueueAndAwaitTheQuestion();
-    EXPECT_EQ(Status::ok, m_endpoint->Notify(HalfTheQueue()));
-    EXPECT_EQ(Status::queue_full, m_endpoint->Notify(HalfTheQueue()));
+    FillWindow();
+    EXPECT_EQ(Status::queue_full, Request(Bytes(10000), milliseconds(1500)).status);
+    Arrival<bool> later;
+    g_timeout_add(
+        1500,
+        [](gpointer arrival) -> gboolean {
+            static_cast<Arrival<bool>*>(arrival)->Set(true);
+            return G_SOURCE_REMOVE;
+        },
+        &later);
+    later.Await("the end of a long silence");
     m_bus.Daemon().Signal(SIGCONT);
-    ExpectQueueToBecomeEmpty();
+    ExpectRoomFor(BytesOf("again"));
 }
 
-TEST_F(ANotificationOnASmallQueue, IsAskedForALittleLaterWhenItIsShortAndWasSentAfterTheQuestion)
+TEST_F(ANotificationInASmallWindow, HasAWindowOfItsOwnForEveryPartner)
 {
-    StartWithPartner(SmallQueue());
-    m_bus.Daemon().Signal(SIGSTOP);
-    SendHalfTheQueueAndAwaitTheQuestion();
-    EXPECT_EQ(Status::ok, m_endpoint->Notify({}));
-    m_bus.Daemon().Signal(SIGCONT);
-    ExpectQueueToBecomeEmpty();
-}
-
-TEST_F(ANotificationOnASmallQueue, FindsRoomAfterTheDaemonWasSilentForLongerThanTheEndpointWaits)
-{
-    StartWithPartner(SmallQueue());
-    m_bus.Daemon().Signal(SIGSTOP);
-    FillQueue();
-    EXPECT_EQ(Status::timeout, Request({}, milliseconds(1500)).status);
-    m_bus.Daemon().Signal(SIGCONT);
-    ExpectQueueToDrain();
-}
-
-TEST_F(ANotificationOnASmallQueue, FindsTheBusGoneAlsoBeforeTheEndpointHasNoticedIt)
-{
-    std::promise<void> release;
-    PelmarEndpoint::Handlers handlers = m_news.Handlers();
-    handlers.notification = [&](Bytes&) {
-        m_news.Add("held");
-        release.get_future().wait();
-    };
-    Start(Role::service, handlers, SmallQueue());
-    MakeReady(m_partner);
-    m_partner.Emit(OwnName(), names::Path(CHANNEL), "SendSignal", BusActor::Body({}));
-    m_news.Await("held");
-    EXPECT_EQ(Status::ok, m_endpoint->Notify(Bytes(SmallQueue().queue_bytes / 2)));
-    m_bus.Kill();
-    const auto is_closed = [] {
-        WakeTest();
-        GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-        const bool closed = g_dbus_connection_is_closed(connection) != FALSE;
-        g_object_unref(connection);
-        return closed;
-    };
-    IterateUntil(is_closed, "the connection to close");
-    EXPECT_EQ(Status::bus_gone, m_endpoint->Notify({}));
-    EXPECT_EQ(0U, m_news.Count("bus_lost"));
-    release.set_value();
-    m_news.Await("bus_lost");
-    m_bus.Start();
-    m_news.Await("bus_back");
-}
-
-TEST_F(ANotificationOnASmallQueue, CountsOnceForEveryPartner)
-{
-    StartWithPartner(SmallQueue());
+    StartWithPartner();
     BusActor other(m_bus);
     MakeReady(other);
     m_bus.Daemon().Signal(SIGSTOP);
-    const std::size_t taken = FillQueue();
+    FillWindow();
+    const PelmarEndpoint::Broadcast broadcast = m_endpoint->NotifyAll(Bytes(10000));
+    EXPECT_EQ(1U, broadcast.sent);
+    ASSERT_EQ(1U, broadcast.missed.size());
+    EXPECT_EQ(Status::queue_full, broadcast.missed[0].status);
+    EXPECT_EQ(ThePartner(), broadcast.missed[0].partner);
+    EXPECT_GT(FillWindowOf(PartnerOf(other)), WINDOW / 2);
     m_bus.Daemon().Signal(SIGCONT);
-    EXPECT_LE(2 * taken, SmallQueue().queue_bytes);
-    ExpectQueueToDrain();
+    ExpectRoomFor(BytesOf("again"));
+    m_news.Await("room " + other.UniqueName());
 }
 
-TEST_F(ANotificationOnASmallQueue, NeverFillsItWhileThePartnerReads)
+TEST_F(ANotificationInASmallWindow, ArrivesInItsPlaceAlsoWhenTheWindowWasFullInBetween)
 {
-    StartWithPartner(SmallQueue());
+    StartWithPartner();
     m_partner.Listen(CHANNEL);
-    const Bytes data(10000, 'x');
     for (int i = 0; i < 500; ++i) {
-        while (m_endpoint->Notify(data) == Status::queue_full)
-            m_partner.Settle();
+        const Bytes data(10000, static_cast<char>(i));
+        IterateUntil([&] { return Notify(data) == Status::ok; }, "room");
     }
     IterateUntil([&] { return m_partner.Heard().size() == 500; }, "all notifications");
+    for (int i = 0; i < 500; ++i)
+        ASSERT_EQ(static_cast<char>(i), m_partner.Heard()[static_cast<std::size_t>(i)].front());
 }
 
 // The daemon stops to read from a sender when too much of what it sent is unread. It may keep the
 // last of it in its hands then until the sender sends more.
-class ANotificationToAStoppedPartner : public ANotificationOnASmallQueue {
+class ANotificationToAStoppedPartner : public ANotificationInASmallWindow {
 protected:
     ANotificationToAStoppedPartner()
-        : ANotificationOnASmallQueue("<limit name=\"max_incoming_bytes\">1000000</limit>")
+        : ANotificationInASmallWindow("<limit name=\"max_incoming_bytes\">1000000</limit>")
     {
-        Start(Role::service, m_news.Handlers(), SmallQueue());
+        StartWithSmallWindow();
     }
 };
 
-TEST_F(ANotificationToAStoppedPartner, FindsTheQueueFullUntilThePartnerGoesOn)
+TEST_F(ANotificationToAStoppedPartner, FindsTheWindowFullUntilThePartnerGoesOn)
 {
-    EndpointProcess partner("client", CHANNEL);
-    partner.WaitForLine("ready ");
-    m_news.Await("ready");
-    partner.Signal(SIGSTOP);
-    // What the daemon has room for it takes, so the queue has to be filled again and again.
-    const Bytes data(10000, 'x');
-    std::size_t bytes = 0;
-    for (int refused_in_a_row = 0; refused_in_a_row < 50; ++refused_in_a_row) {
-        while (m_endpoint->Notify(data) == Status::ok) {
-            bytes += data.size();
-            refused_in_a_row = 0;
-            ASSERT_LT(bytes, 16UL * 1024 * 1024);
-        }
-        m_partner.Settle();
-    }
-    partner.Signal(SIGCONT);
-    ExpectQueueToDrain();
-    partner.WaitForLine("notification 616761696e");
+    EndpointProcess process("client", CHANNEL);
+    process.WaitForLine("ready ");
+    m_news.Await("ready ");
+    const Partner partner = m_endpoint->Partners().front();
+    process.Signal(SIGSTOP);
+    const std::size_t taken = FillWindowOf(partner);
+    EXPECT_LE(taken, WINDOW);
+    m_partner.Settle();
+    EXPECT_EQ(Status::queue_full, m_endpoint->Notify(partner, Bytes(10000)));
+    process.Signal(SIGCONT);
+    for (std::size_t bytes = 0; bytes < taken; bytes += 10000)
+        process.WaitForLine("notification 78");
+    m_news.Await("room " + partner.Name());
+    EXPECT_EQ(Status::ok, m_endpoint->Notify(partner, BytesOf("again")));
+    EXPECT_EQ("", process.WaitForLine("notification 616761696e"));
 }
 
 // ---- Requests ------------------------------------------------------------------------------
@@ -454,13 +450,13 @@ TEST_F(ARequest, TimesOutWhenThePartnerDoesNotAnswer)
     ServeSilently();
     StartWithPartner();
     const auto start = std::chrono::steady_clock::now();
-    const Response response = m_endpoint->Request({}, m_partner.UniqueName(), milliseconds(150));
+    const Response response = m_endpoint->Request(ThePartner(), {}, milliseconds(150));
     EXPECT_EQ(Status::timeout, response.status);
     EXPECT_NE("", response.error);
     EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(150));
 
     std::promise<Response> promise;
-    m_endpoint->Request({}, m_partner.UniqueName(), milliseconds(150),
+    m_endpoint->Request(ThePartner(), {}, milliseconds(150),
                         [&](Response came) { promise.set_value(std::move(came)); });
     EXPECT_EQ(Status::timeout, promise.get_future().get().status);
 }
@@ -470,7 +466,7 @@ TEST_F(ARequest, TimesOutAtOnceWithNoTimeAtAll)
     ServeSilently();
     StartWithPartner();
     for (const milliseconds timeout : {milliseconds(0), milliseconds(-5), milliseconds::min()})
-        EXPECT_EQ(Status::timeout, m_endpoint->Request({}, m_partner.UniqueName(), timeout).status);
+        EXPECT_EQ(Status::timeout, m_endpoint->Request(ThePartner(), {}, timeout).status);
 }
 
 TEST_F(ARequest, WaitsAsLongAsItMayWithTheLongestTimeout)
@@ -485,7 +481,7 @@ TEST_F(ARequest, TimesOutWhileTheDaemonIsStopped)
     ServeSilently();
     StartWithPartner();
     m_bus.Daemon().Signal(SIGSTOP);
-    const Response response = m_endpoint->Request({}, m_partner.UniqueName(), milliseconds(150));
+    const Response response = m_endpoint->Request(ThePartner(), {}, milliseconds(150));
     m_bus.Daemon().Signal(SIGCONT);
     EXPECT_EQ(Status::timeout, response.status);
 }
@@ -494,18 +490,16 @@ TEST_F(ARequest, LosesThePartnerThatGoesBeforeItAnswers)
 {
     ServeSilently();
     StartWithPartner();
-    auto waiting = std::async(std::launch::async, [this] {
-        return m_endpoint->Request({}, m_partner.UniqueName(), LONG);
-    });
+    auto waiting = std::async(std::launch::async,
+                              [this] { return m_endpoint->Request(ThePartner(), {}, LONG); });
     // The call has reached the partner's process when its answer is what is missing.
     std::promise<Response> promise;
-    m_endpoint->Request({}, m_partner.UniqueName(), LONG,
+    m_endpoint->Request(ThePartner(), {}, LONG,
                         [&](Response came) { promise.set_value(std::move(came)); });
     Settle(m_partner);
     m_partner.Leave();
     EXPECT_EQ(Status::partner_lost, promise.get_future().get().status);
-    const Status status = waiting.get().status;
-    EXPECT_TRUE(status == Status::partner_lost || status == Status::no_such_partner);
+    EXPECT_EQ(Status::partner_lost, waiting.get().status);
 }
 
 TEST_F(ARequest, LosesThePartnerWhoseProcessIsKilledWhileItAnswers)
@@ -513,16 +507,14 @@ TEST_F(ARequest, LosesThePartnerWhoseProcessIsKilledWhileItAnswers)
     Start();
     EndpointProcess partner("client", CHANNEL);
     m_news.Await("ready");
-    const std::string name = m_endpoint->Partners().front();
+    const Partner peer = m_endpoint->Partners().front();
     partner.Signal(SIGSTOP);
     auto waiting =
-        std::async(std::launch::async, [&] { return m_endpoint->Request({}, name, LONG); });
+        std::async(std::launch::async, [&] { return m_endpoint->Request(peer, {}, LONG); });
     Settle(m_partner);
     partner.Kill();
-    const Status status = waiting.get().status;
-    EXPECT_TRUE(status == Status::partner_lost || status == Status::no_such_partner)
-        << PelmarEndpoint::ToString(status);
-    m_news.Await("lost " + name);
+    EXPECT_EQ(Status::partner_lost, waiting.get().status);
+    m_news.Await("lost " + peer.Name());
 }
 
 TEST_F(ARequest, TimesOutWhileThePartnerIsStoppedAndIsAnsweredWhenItGoesOn)
@@ -530,11 +522,11 @@ TEST_F(ARequest, TimesOutWhileThePartnerIsStoppedAndIsAnsweredWhenItGoesOn)
     Start();
     EndpointProcess partner("client", CHANNEL);
     m_news.Await("ready");
-    const std::string name = m_endpoint->Partners().front();
+    const Partner peer = m_endpoint->Partners().front();
     partner.Signal(SIGSTOP);
-    EXPECT_EQ(Status::timeout, m_endpoint->Request({}, name, milliseconds(150)).status);
+    EXPECT_EQ(Status::timeout, m_endpoint->Request(peer, {}, milliseconds(150)).status);
     partner.Signal(SIGCONT);
-    const Response response = m_endpoint->Request(BytesOf("ab"), name, LONG);
+    const Response response = m_endpoint->Request(peer, BytesOf("ab"), LONG);
     EXPECT_EQ(Status::ok, response.status) << response.error;
     EXPECT_EQ(BytesOf("ba"), response.data);
     EXPECT_EQ(0U, m_news.Count("lost"));
@@ -542,8 +534,10 @@ TEST_F(ARequest, TimesOutWhileThePartnerIsStoppedAndIsAnsweredWhenItGoesOn)
 
 TEST_F(ARequest, BringsThePartnersErrorWithItsText)
 {
-    // It has no object: GIO answers for it.
-    StartWithPartner();
+    // It has no object: GIO answers for it, and it is ready when it has been given time.
+    Start();
+    PulseStages(m_partner);
+    m_news.Await("ready " + m_partner.UniqueName());
     for (const Response& response : {Request({}), BlockingRequest({})}) {
         EXPECT_EQ(Status::remote_error, response.status);
         EXPECT_THAT(response.error, HasSubstr(names::Path(CHANNEL)));
@@ -563,7 +557,7 @@ TEST_F(ARequest, FromManyThreadsAtOnceBringsEachItsOwnReply)
         threads.emplace_back([&, i] {
             for (int j = 0; j < 50; ++j) {
                 const Bytes data = BytesOf(std::to_string(i * 1000 + j));
-                right += m_endpoint->Request(data, m_partner.UniqueName(), LONG).data == data;
+                right += m_endpoint->Request(ThePartner(), data, LONG).data == data;
             }
             ++ended;
             WakeTest();
@@ -578,16 +572,17 @@ TEST_F(ARequest, FromManyThreadsAtOnceBringsEachItsOwnReply)
 TEST_F(ARequest, MayBeMadeInsideAHandler)
 {
     m_partner.Serve(CHANNEL, [](const Bytes& data) { return data; });
-    PelmarEndpoint::Handlers handlers = m_news.Handlers();
-    handlers.notification = [this](Bytes& data) {
-        const Response response = m_endpoint->Request(data, m_partner.UniqueName(), LONG);
+    Make(Role::service);
+    m_endpoint->OnNotification([this](Message& message) {
+        const Bytes data = message.data;
+        const Response response = m_endpoint->Request(message.from, data, LONG);
         m_news.Add("response " + std::string(response.data.begin(), response.data.end()));
-        m_endpoint->Request(data, m_partner.UniqueName(), LONG, [this](const Response& later) {
+        m_endpoint->Request(message.from, data, LONG, [this](const Response& later) {
             m_news.Add("later " + std::string(later.data.begin(), later.data.end()));
         });
         m_news.Add("handler over");
-    };
-    Start(Role::service, handlers);
+    });
+    m_endpoint->Start();
     MakeReady(m_partner);
     m_partner.Emit(OwnName(), names::Path(CHANNEL), "SendSignal", BusActor::Body(BytesOf("abc")));
     m_news.Await("later abc");
@@ -622,8 +617,7 @@ TEST_F(ARequest, FindsTheBusGone)
     m_news.Await("bus_lost");
     EXPECT_EQ(Status::bus_gone, Request({}).status);
     EXPECT_EQ(Status::bus_gone, BlockingRequest({}).status);
-    EXPECT_EQ(Status::bus_gone, m_endpoint->Notify({}));
-    EXPECT_EQ(Status::bus_gone, m_endpoint->Notify({}, m_partner.UniqueName()));
+    EXPECT_EQ(Status::bus_gone, Notify({}));
     EXPECT_THAT(m_endpoint->Partners(), IsEmpty());
 }
 
@@ -631,11 +625,10 @@ TEST_F(ARequest, EndsWhenTheBusDiesUnderIt)
 {
     ServeSilently();
     StartWithPartner();
-    auto blocking = std::async(std::launch::async, [this] {
-        return m_endpoint->Request({}, m_partner.UniqueName(), LONG);
-    });
+    auto blocking = std::async(std::launch::async,
+                               [this] { return m_endpoint->Request(ThePartner(), {}, LONG); });
     std::promise<Response> promise;
-    m_endpoint->Request({}, m_partner.UniqueName(), LONG,
+    m_endpoint->Request(ThePartner(), {}, LONG,
                         [&](Response came) { promise.set_value(std::move(came)); });
     Settle(m_partner);
     m_bus.Kill();
@@ -647,17 +640,17 @@ TEST_F(ARequest, FindsTheEndpointStopped)
 {
     StartWithPartner();
     EXPECT_TRUE(m_endpoint->Stop());
-    EXPECT_EQ(Status::stopped, m_endpoint->Request({}, m_partner.UniqueName(), LONG).status);
+    EXPECT_EQ(Status::stopped, m_endpoint->Request(ThePartner(), {}, LONG).status);
     std::thread::id caller;
     Status status = Status::ok;
-    m_endpoint->Request({}, m_partner.UniqueName(), LONG, [&](const Response& response) {
+    m_endpoint->Request(ThePartner(), {}, LONG, [&](const Response& response) {
         status = response.status;
         caller = std::this_thread::get_id();
     });
     EXPECT_EQ(Status::stopped, status) << "before the call returned";
     EXPECT_EQ(std::this_thread::get_id(), caller);
-    EXPECT_EQ(Status::stopped, m_endpoint->Notify({}));
-    EXPECT_EQ(Status::stopped, m_endpoint->Notify({}, m_partner.UniqueName()));
+    EXPECT_EQ(Status::stopped, Notify({}));
+    EXPECT_EQ(0U, m_endpoint->NotifyAll({}).sent);
     EXPECT_THAT(m_endpoint->Partners(), IsEmpty());
 }
 
@@ -665,12 +658,11 @@ TEST_F(ARequest, ThatWaitsReturnsWhenTheEndpointIsStopped)
 {
     ServeSilently();
     StartWithPartner();
-    auto blocking = std::async(std::launch::async, [this] {
-        return m_endpoint->Request({}, m_partner.UniqueName(), LONG);
-    });
+    auto blocking = std::async(std::launch::async,
+                               [this] { return m_endpoint->Request(ThePartner(), {}, LONG); });
     std::atomic<int> calls{0};
     Status status = Status::ok;
-    m_endpoint->Request({}, m_partner.UniqueName(), LONG, [&](const Response& response) {
+    m_endpoint->Request(ThePartner(), {}, LONG, [&](const Response& response) {
         status = response.status;
         ++calls;
     });
@@ -684,7 +676,7 @@ TEST_F(ARequest, WhoseCallbackThrowsDoesNoHarm)
 {
     m_partner.Serve(CHANNEL, [](const Bytes& data) { return data; });
     StartWithPartner();
-    m_endpoint->Request({}, m_partner.UniqueName(), LONG,
+    m_endpoint->Request(ThePartner(), {}, LONG,
                         [](const Response&) { throw std::runtime_error("thrown by done"); });
     EXPECT_EQ(Status::ok, Request(BytesOf("next")).status);
     EXPECT_EQ(1U, ErrorsWith("thrown by done"));
@@ -692,31 +684,25 @@ TEST_F(ARequest, WhoseCallbackThrowsDoesNoHarm)
 
 // ---- Waiting for a partner -----------------------------------------------------------------
 
-class AWaitForAPartner : public TrafficTest {
-protected:
-    static std::chrono::steady_clock::time_point In(milliseconds time)
-    {
-        return std::chrono::steady_clock::now() + time;
-    }
-};
+class AWaitForAPartner : public TrafficTest {};
 
 TEST_F(AWaitForAPartner, ReturnsTheOneThatIsReadyAtOnce)
 {
     StartWithPartner();
-    EXPECT_EQ(m_partner.UniqueName(), m_endpoint->WaitForPartner(In(LONG)));
-    EXPECT_EQ(m_partner.UniqueName(), m_endpoint->WaitForPartner(In(milliseconds(-1))));
+    EXPECT_EQ(ThePartner(), m_endpoint->WaitForPartner(In(LONG)));
+    EXPECT_EQ(ThePartner(), m_endpoint->WaitForPartner(In(milliseconds(-1))));
 }
 
 TEST_F(AWaitForAPartner, EndsInEveryThreadThatWaits)
 {
     Start();
-    std::vector<std::future<std::optional<std::string>>> waits;
+    std::vector<std::future<std::optional<Partner>>> waits;
     for (int i = 0; i < 4; ++i)
         waits.push_back(
             std::async(std::launch::async, [&] { return m_endpoint->WaitForPartner(In(LONG)); }));
-    PulseHandshake(m_partner);
+    MakeReady(m_partner);
     for (auto& wait : waits)
-        EXPECT_EQ(m_partner.UniqueName(), wait.get());
+        EXPECT_EQ(ThePartner(), wait.get());
 }
 
 TEST_F(AWaitForAPartner, ReturnsNothingWhenTheDeadlinePasses)
@@ -736,31 +722,32 @@ TEST_F(AWaitForAPartner, ReturnsNothingWhenTheEndpointIsStopped)
     EXPECT_EQ(std::nullopt, m_endpoint->WaitForPartner(In(LONG)));
 }
 
-TEST_F(AWaitForAPartner, DoesNotWaitInsideAHandler)
+TEST_F(AWaitForAPartner, MayBeMadeInsideAHandler)
 {
-    PelmarEndpoint::Handlers handlers = m_news.Handlers();
-    const auto note = [this] { m_news.Add(m_endpoint->WaitForPartner(In(LONG)).value_or("none")); };
-    handlers.ready = [&](const std::string&) { note(); };
-    handlers.lost = [&](const std::string&) { note(); };
-    Start(Role::service, handlers);
-    PulseHandshake(m_partner);
-    m_news.Await(m_partner.UniqueName());
-    m_partner.Leave();
-    m_news.Await("none");
+    Make(Role::service);
+    m_endpoint->OnReady([&](const Partner& partner) {
+        EXPECT_EQ(partner, m_endpoint->WaitForPartner(In(LONG)));
+        m_news.AddReady(partner);
+    });
+    m_endpoint->Start();
+    MakeReady(m_partner);
 }
 
-TEST_F(AWaitForAPartner, IsForTheFirstOfThePartnersInTheByteOrderOfTheirNames)
+TEST_F(AWaitForAPartner, IsForTheOneThatBecameReadyFirst)
 {
     Start();
     std::vector<std::unique_ptr<BusActor>> partners;
-    std::set<std::string> sorted;
+    std::vector<std::string> names;
     for (int i = 0; i < 12; ++i) {
         partners.push_back(std::make_unique<BusActor>(m_bus));
         MakeReady(*partners.back());
-        sorted.insert(partners.back()->UniqueName());
+        names.push_back(partners.back()->UniqueName());
     }
-    EXPECT_EQ(std::vector<std::string>(sorted.begin(), sorted.end()), m_endpoint->Partners());
-    EXPECT_EQ(*sorted.begin(), m_endpoint->WaitForPartner(In(LONG)));
+    EXPECT_EQ(names, NamesOf(m_endpoint->Partners()));
+    EXPECT_EQ(PartnerOf(*partners.front()), m_endpoint->WaitForPartner(In(LONG)));
+    partners.front()->Leave();
+    m_news.Await("lost");
+    EXPECT_EQ(PartnerOf(*partners[1]), m_endpoint->WaitForPartner(In(LONG)));
 }
 
 // ---- Answers -------------------------------------------------------------------------------
@@ -794,7 +781,9 @@ TEST_F(AMessage, IsAnsweredWithWhatTheHandlerReturns)
 
 TEST_F(AMessage, FailsWhenThereIsNoHandler)
 {
-    Start(Role::service, {});
+    Make(Role::service);
+    m_endpoint->OnMessage(nullptr);
+    m_endpoint->Start();
     EXPECT_EQ("org.vaska.pelmar.Error.Failed", SendAndAwait("abc")->error);
 }
 
@@ -815,13 +804,13 @@ TEST_F(AMessage, ComesAfterThePartnerWasReportedReady)
 
 TEST_F(AMessage, ToAHandlerThatThrowsFailsWithItsText)
 {
-    PelmarEndpoint::Handlers handlers;
-    handlers.message = [](Bytes& data) -> Bytes {
-        if (data.empty())
+    Make(Role::client);
+    m_endpoint->OnMessage([](Message& message) -> Bytes {
+        if (message.data.empty())
             throw 5;
         throw std::runtime_error("the answer is 42");
-    };
-    Start(Role::client, handlers);
+    });
+    m_endpoint->Start();
     // The text reaches another endpoint's Request.
     EndpointProcess service("service", CHANNEL);
     const std::string name = service.WaitForLine("ready ");
@@ -834,17 +823,18 @@ TEST_F(AMessage, ToAHandlerThatThrowsFailsWithItsText)
 
 TEST_F(AMessage, ToAHandlerThatThrowsNoUtf8FailsAllTheSame)
 {
-    PelmarEndpoint::Handlers handlers;
-    handlers.message = [](Bytes&) -> Bytes { throw std::runtime_error("\xff\xfe text"); };
-    Start(Role::service, handlers);
+    Make(Role::service);
+    m_endpoint->OnMessage([](Message&) -> Bytes { throw std::runtime_error("\xff\xfe text"); });
+    m_endpoint->Start();
     EXPECT_EQ("org.vaska.pelmar.Error.Failed", SendAndAwait("abc")->error);
 }
 
 TEST_F(AMessage, WhoseReplyIsTooLargeFailsAndTheConnectionLives)
 {
-    PelmarEndpoint::Handlers handlers = m_news.Handlers();
-    handlers.message = [](Bytes& data) { return Bytes(data.empty() ? LARGEST + 1 : LARGEST, 'x'); };
-    Start(Role::service, handlers);
+    Make(Role::service);
+    m_endpoint->OnMessage(
+        [](Message& message) { return Bytes(message.data.empty() ? LARGEST + 1 : LARGEST, 'x'); });
+    m_endpoint->Start();
     EXPECT_EQ("org.vaska.pelmar.Error.Failed", SendAndAwait("")->error);
     const auto call = SendAndAwait("fits");
     ASSERT_TRUE(call->reply.has_value()) << call->error;
@@ -864,17 +854,17 @@ class ADeferredMessage : public AMessage {
 protected:
     ADeferredMessage()
     {
-        PelmarEndpoint::Handlers handlers = m_news.Handlers();
-        handlers.message = [this](Bytes&) {
+        Make(Role::service);
+        m_endpoint->OnMessage([this](Message&) {
             m_news.Add("the wrong handler");
             return Bytes();
-        };
-        handlers.deferred_message = [this](Bytes& data, Reply reply) {
+        });
+        m_endpoint->OnDeferredMessage([this](Message& message, Reply reply) {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_replies.push_back(std::move(reply));
-            m_news.Add("deferred " + std::string(data.begin(), data.end()));
-        };
-        Start(Role::service, handlers);
+            m_news.Add("deferred " + TextOf(message.data));
+        });
+        m_endpoint->Start();
     }
 
     Reply TakeReply()
@@ -995,13 +985,12 @@ TEST_F(ADeferredMessage, MayBeAnsweredWhenTheBusIsGone)
 
 TEST_F(AMessage, WhoseDeferringHandlerThrowsFails)
 {
-    PelmarEndpoint::Handlers handlers;
-    handlers.deferred_message = [](Bytes&, const Reply&) {
-        throw std::runtime_error("thrown by deferred_message");
-    };
-    Start(Role::service, handlers);
+    Make(Role::service);
+    m_endpoint->OnDeferredMessage(
+        [](Message&, const Reply&) { throw std::runtime_error("thrown by OnDeferredMessage"); });
+    m_endpoint->Start();
     EXPECT_EQ("org.vaska.pelmar.Error.Failed", SendAndAwait("abc")->error);
-    EXPECT_EQ(1U, ErrorsWith("thrown by deferred_message"));
+    EXPECT_EQ(1U, ErrorsWith("thrown by OnDeferredMessage"));
 }
 
 // ---- Handlers ------------------------------------------------------------------------------
@@ -1010,41 +999,41 @@ class AHandler : public TrafficTest {};
 
 TEST_F(AHandler, MayThrowAndTheEndpointGoesOn)
 {
-    PelmarEndpoint::Handlers handlers;
+    Make(Role::service);
     const auto fail = [this](const std::string& name) {
         m_news.Add(name);
         throw std::runtime_error("thrown by " + name);
     };
-    handlers.ready = [&](const std::string&) { fail("ready"); };
-    handlers.lost = [&](const std::string&) { fail("lost"); };
-    handlers.notification = [&](Bytes&) { fail("notification"); };
-    handlers.bus_lost = [&] { fail("bus_lost"); };
-    handlers.bus_back = [&] { fail("bus_back"); };
-    handlers.problem = [&](const std::string&) {
-        m_news.Add("problem");
+    m_endpoint->OnReady([&](const Partner&) { fail("OnReady"); });
+    m_endpoint->OnLost([&](const Partner&) { fail("OnLost"); });
+    m_endpoint->OnNotification([&](Message&) { fail("OnNotification"); });
+    m_endpoint->OnBusLost([&] { fail("OnBusLost"); });
+    m_endpoint->OnBusBack([&] { fail("OnBusBack"); });
+    m_endpoint->OnProblem([&](PelmarEndpoint::Problem, const std::string&) {
+        m_news.Add("OnProblem");
         throw 5;
-    };
-    Start(Role::service, handlers);
+    });
+    m_endpoint->Start();
     PulseHandshake(m_partner);
-    m_news.Await("ready");
+    m_news.Await("OnReady");
     m_partner.Emit(OwnName(), names::Path(CHANNEL), "SendSignal", BusActor::Body({}));
-    m_news.Await("notification");
+    m_news.Await("OnNotification");
     m_partner.Leave();
-    m_news.Await("lost");
+    m_news.Await("OnLost");
     m_bus.Kill();
-    m_news.Await("bus_lost");
-    m_news.Await("problem");
+    m_news.Await("OnBusLost");
+    m_news.Await("OnProblem");
     m_bus.Start();
-    m_news.Await("bus_back");
+    m_news.Await("OnBusBack");
     m_endpoint.reset();
-    for (const char* name : {"ready", "lost", "notification", "bus_lost", "bus_back"})
-        EXPECT_EQ(1U, ErrorsWith(std::string("The handler ") + name + " threw: thrown by")) << name;
-    EXPECT_EQ(1U, ErrorsWith("The handler problem threw"));
+    for (const std::string name : {"OnReady", "OnLost", "OnNotification", "OnBusLost", "OnBusBack"})
+        EXPECT_EQ(1U, ErrorsWith("The handler " + name + " threw: thrown by " + name)) << name;
+    EXPECT_EQ(1U, ErrorsWith("The handler OnProblem threw"));
 }
 
 TEST_F(AHandler, RunsInTheEndpointsThreadOneAtATime)
 {
-    PelmarEndpoint::Handlers handlers;
+    Make(Role::service);
     std::atomic<int> running{0};
     std::atomic<bool> overlapped{false};
     std::mutex mutex;
@@ -1059,21 +1048,20 @@ TEST_F(AHandler, RunsInTheEndpointsThreadOneAtATime)
         std::this_thread::yield();
         --running;
     };
-    handlers.message = [&](Bytes&) {
+    m_endpoint->OnMessage([&](Message&) {
         handle();
         return Bytes();
-    };
-    handlers.notification = [&](Bytes&) {
+    });
+    m_endpoint->OnNotification([&](Message&) {
         handle();
         m_news.Add("notification");
-    };
-    handlers.ready = [&](const std::string&) {
+    });
+    m_endpoint->OnReady([&](const Partner& partner) {
         handle();
-        m_news.Add("ready");
-    };
-    Start(Role::service, handlers);
-    PulseHandshake(m_partner);
-    m_news.Await("ready");
+        m_news.AddReady(partner);
+    });
+    m_endpoint->Start();
+    MakeReady(m_partner);
     std::vector<std::shared_ptr<BusActor::Call>> calls;
     for (int i = 0; i < 100; ++i) {
         calls.push_back(m_partner.Send(OwnName(), CHANNEL, {}));
@@ -1088,20 +1076,21 @@ TEST_F(AHandler, RunsInTheEndpointsThreadOneAtATime)
 
 TEST_F(AHandler, MayCallEveryFunctionOfTheEndpoint)
 {
-    PelmarEndpoint::Handlers handlers;
-    handlers.ready = [this](const std::string& partner) {
-        m_news.Add(PelmarEndpoint::ToString(m_endpoint->Notify(BytesOf("hello"), partner)));
-        m_news.Add(PelmarEndpoint::ToString(m_endpoint->Notify(BytesOf("all"))));
-        m_news.Add(m_endpoint->Partners().front());
+    Make(Role::service);
+    m_endpoint->OnReady([this](const Partner& partner) {
+        m_news.Add(PelmarEndpoint::ToString(m_endpoint->Notify(partner, BytesOf("hello"))));
+        m_news.Add(std::to_string(m_endpoint->NotifyAll(BytesOf("all")).sent));
+        m_news.Add(m_endpoint->Partners().front().Name());
+        m_news.Add(m_endpoint->IsOnBus() ? "on the bus" : "not on the bus");
         m_news.Add(m_endpoint->Stop() ? "stopped" : "not stopped");
         m_news.Add("over");
-    };
-    Start(Role::service, handlers);
+    });
+    m_endpoint->Start();
     m_partner.Listen(CHANNEL);
     PulseHandshake(m_partner);
     m_news.Await("over");
-    EXPECT_THAT(m_news.All(),
-                ElementsAre("ok", "ok", m_partner.UniqueName(), "not stopped", "over"));
+    EXPECT_THAT(m_news.All(), ElementsAre("ok", "1", m_partner.UniqueName(), "on the bus",
+                                          "not stopped", "over"));
     IterateUntil([&] { return m_partner.Heard().size() == 2; }, "both notifications");
 }
 
@@ -1110,10 +1099,10 @@ TEST(AStatus, HasATextOfItsOwn)
     std::set<std::string> texts;
     for (const Status status :
          {Status::ok, Status::no_such_partner, Status::not_ready, Status::too_large,
-          Status::queue_full, Status::bus_gone, Status::stopped, Status::timeout, Status::refused,
-          Status::partner_lost, Status::remote_error})
+          Status::queue_full, Status::busy, Status::bus_gone, Status::stopped, Status::cancelled,
+          Status::timeout, Status::refused, Status::partner_lost, Status::remote_error})
         texts.insert(PelmarEndpoint::ToString(status));
-    EXPECT_EQ(11U, texts.size());
+    EXPECT_EQ(13U, texts.size());
     EXPECT_EQ(0U, texts.count(PelmarEndpoint::ToString(static_cast<Status>(99))));
 }
 

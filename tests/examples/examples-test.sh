@@ -296,7 +296,8 @@ ADigestService.EndsOnSIGTERMMidway()
 TheMinimalService.IsTheReadmesProgram()
 {
     # shellcheck disable=SC2016
-    sed -n '/^```cpp$/,/^```$/p' "$root/README.md" | sed '/^```/d' |
+    sed -n '/^## A service$/,/^## /p' "$root/README.md" |
+        sed -n '/^```cpp$/,/^```$/p' | sed '/^```/d' |
         diff "$root/examples/minimal-service.cpp" - ||
         fail "README.md shows another program than examples/minimal-service.cpp"
 }

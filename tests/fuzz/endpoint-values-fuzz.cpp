@@ -1,8 +1,8 @@
-// What the endpoint is given from outside: the name of a channel, and the bytes of any message in
-// the place of a partner's answer. The endpoint's source is a part of this one, since both are
-// dealt with inside of it.
+// What the endpoint is given from outside: the name of a channel, and the bytes of any message,
+// which it takes apart.
 
-#include "../../src/endpoint/pelmar-endpoint.cpp"
+#include "bus-messages.h"
+#include "channel-names.h"
 #include "input.h"
 #include "one-by-one.h"
 
@@ -23,33 +23,43 @@ void TryName(const std::string& name)
     FUZZ_ASSERT(fault.empty() || fault.find("use 1 to 222 letters") != std::string::npos);
 }
 
-void TryResponse(GVariant* reply, const GError* error)
+bool IsBoundedText(const std::string& text)
 {
-    const PelmarEndpoint::Response response = ResponseOf(reply, error);
-    const bool is_ok = response.status == PelmarEndpoint::Status::ok;
-    FUZZ_ASSERT(is_ok == (reply != nullptr));
-    FUZZ_ASSERT(is_ok == response.error.empty());
-    FUZZ_ASSERT(!is_ok || BytesOneByOne(reply) == response.data);
-    FUZZ_ASSERT(std::string(PelmarEndpoint::ToString(response.status)) != "unknown status");
+    return text.size() <= 4096 &&
+           g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) != FALSE;
 }
 
-void TryAnswer(std::string bytes)
+// The endpoint answers callers alone, and the bus names those.
+void TryAnswering(GDBusMessage* call)
 {
-    GDBusMessage* message =
+    if (g_dbus_message_get_sender(call) == nullptr)
+        return;
+    const bus_message::CallId id(call);
+    const MessagePtr error =
+        bus_message::Error(id, bus_error::FAILED, bus_message::FirstString(call));
+    FUZZ_ASSERT(bus_message::ErrorName(error.get()) == bus_error::FAILED);
+    FUZZ_ASSERT(IsBoundedText(bus_message::FirstString(error.get())));
+    FUZZ_ASSERT(g_dbus_message_get_reply_serial(error.get()) == id.serial);
+    FUZZ_ASSERT(id.caller == g_dbus_message_get_destination(error.get()));
+}
+
+void TryMessage(std::string bytes)
+{
+    const MessagePtr held(
         g_dbus_message_new_from_blob(reinterpret_cast<guchar*>(bytes.data()), bytes.size(),
-                                     G_DBUS_CAPABILITY_FLAGS_UNIX_FD_PASSING, nullptr);
+                                     G_DBUS_CAPABILITY_FLAGS_UNIX_FD_PASSING, nullptr));
+    GDBusMessage* message = held.get();
     if (message == nullptr)
         return;
-    // As g_dbus_connection_call_finish does it.
-    GError* error = nullptr;
-    if (g_dbus_message_to_gerror(message, &error) != FALSE) {
-        TryResponse(nullptr, error);
-        g_error_free(error);
-    } else if (GVariant* body = g_dbus_message_get_body(message);
-               body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE("(ay)")) != FALSE) {
-        TryResponse(body, nullptr);
-    }
-    g_object_unref(message);
+    FUZZ_ASSERT(bus_message::BodySize(message) <= bytes.size());
+    if (bus_message::HasBody(message, "(ay)"))
+        FUZZ_ASSERT(BytesOneByOne(g_dbus_message_get_body(message)) == bus_message::Bytes(message));
+    FUZZ_ASSERT(IsBoundedText(bus_message::ErrorText(message)));
+    FUZZ_ASSERT(!bus_message::Number(message) || bus_message::ErrorName(message).empty());
+    bus_message::ReadOwnerChange(message);
+    bus_message::ReadCredentials(message);
+    if (bus_message::IsCall(message))
+        TryAnswering(message);
 }
 
 }  // namespace
@@ -57,9 +67,16 @@ void TryAnswer(std::string bytes)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     Input input(data, size);
-    if (input.Below(2) == 0)
-        TryName(input.Rest());
-    else
-        TryAnswer(input.Rest());
+    switch (input.Below(3)) {
+        case 0:
+            TryName(input.Rest());
+            break;
+        case 1:
+            TryMessage(input.Rest());
+            break;
+        default:
+            FUZZ_ASSERT(IsBoundedText(bus_message::BoundedText(input.Rest())));
+            break;
+    }
     return 0;
 }

@@ -40,6 +40,32 @@ ADoctor.FindsNothingWrongWithAHealthyChannel()
     expect_no_text ctl out "unknown"
 }
 
+expect_no_fault()  # PAIRS
+{
+    expect 0 doctor demo
+    (($(grep -c "have found each other" "$processes_dir/ctl.out") == $1)) ||
+        fail "not $1 pairs have found each other"
+    expect_no_text ctl out "problem"
+    expect_no_text ctl out "unknown"
+}
+
+ADoctor.FindsNothingWrongWithAPlainClientOfAnEndpoint()
+{
+    serve --echo
+    start_plain client
+    await service "$service" "$plain_name is ready"
+    begin second connect demo
+    await second "$started" "is ready"
+    expect_no_fault 2
+}
+
+ADoctor.FindsNothingWrongWithAPlainServiceOfAnEndpoint()
+{
+    start_plain service
+    start_client
+    expect_no_fault 1
+}
+
 ADoctor.TellsItsFindingsAsJson()
 {
     serve --echo
@@ -209,6 +235,19 @@ ADoctor.FindsAHandshakeThatIsHalfWay()
     expect_text ctl out "ok       names      all six stage names are free"
 }
 
+ADoctor.DoesNotSayHalfWayOfAnEndpointThatHasNoMatchRuleLeft()
+{
+    end_private_bus
+    start_bus_with '<limit name="max_match_rules_per_connection">4</limit>'
+    serve
+    start_client
+    begin second connect demo
+    await second "$started" "$service_name is ready"
+    expect_cause 1 limits "$service_name ($(id -un), pid $service, $pelmarctl serve demo) has 4 of 4"
+    expect_text ctl out "has seen $service_name, an endpoint that has no match rule for it"
+    expect_no_text ctl out "half-way"
+}
+
 ADoctor.FindsTwoThatHaveSeenNothingOfEachOther()
 {
     start_actor
@@ -252,6 +291,15 @@ ADoctor.FindsAMemberThatIsStopped()
         "$service_name ($(id -un), pid $service, $pelmarctl serve demo) does not answer: "
 }
 
+ADoctor.FindsAnEndpointThatWaitsForItsFirstPulse()
+{
+    start_actor
+    tell_actor "acquire org.vaska.Pelmar.demo_SERVICE_SYN"
+    serve
+    expect_cause 1 names "org.vaska.Pelmar.demo_SERVICE_SYN is held by $actor_name"
+    expect_text ctl out "or it is an endpoint whose SYN has not shown yet"
+}
+
 ADoctor.FindsWhoHoldsAName()
 {
     start_actor
@@ -265,12 +313,13 @@ ADoctor.FindsWhoHoldsAName()
 ADoctor.FindsMatchRulesThatAreNearlyExhausted()
 {
     end_private_bus
-    start_bus_with '<limit name="max_match_rules_per_connection">8</limit>'
+    start_bus_with '<limit name="max_match_rules_per_connection">6</limit>'
     serve
     start_client
     begin second connect demo
     await second "$started" "is ready"
-    expect_cause 1 limits "of 8 match rules; each partner costs three"
+    expect_cause 1 limits \
+        "has 5 of 6 match rules; each partner costs a plain channel three and an endpoint one"
 }
 
 ADoctor.FindsConnectionsThatAreNearlyExhausted()

@@ -145,7 +145,7 @@ AServingPelmarctl.EndsItsCommandsOnSIGINT()
     kill -INT "$service"
     expect_end_of service "$service" 130
     expect_endless_is_gone
-    expect_end_of sender "$started" 7
+    expect_end_of sender "$started" 3
 }
 
 AServingPelmarctl.EndsItsCommandsWhenTheBusDies()
@@ -214,6 +214,23 @@ AServingPelmarctl.SendsTypedLinesAsNotifications()
     printf 'one\ntwo\n' >&"${told[service]}"
     expect_end_of listener "$listener" 0
     [[ $(<"$processes_dir/listener.out") == $'one\ntwo' ]] || fail "it heard otherwise"
+}
+
+AServingPelmarctl.SaysWhomATypedLineDidNotReach()
+{
+    serve_typed
+    begin listener listen demo --format line
+    listener=$started
+    await_listener
+    kill -STOP "$listener"
+    # More than waits for a partner that does not read.
+    for _ in {1..100}; do
+        printf '%0100000d\n' 0
+    done >&"${told[service]}"
+    await service "$service" "0' was not sent to :"
+    kill -CONT "$listener"
+    echo last >&"${told[service]}"
+    await listener "$listener" last
 }
 
 AServingPelmarctl.ReportsNamesThatThePolicyRefuses()

@@ -8,37 +8,67 @@
 //        stopping
 
 #include <future>
+#include <map>
+#include <mutex>
 
 #include "peer-lines.h"
 #include "pelmar-endpoint.h"
 
 namespace {
 
-// Handlers may run before the endpoint is constructed; their lines come after "on" all the same.
-PelmarEndpoint::Handlers SayEverything(const std::shared_future<void>& on)
+using Partner = PelmarEndpoint::Partner;
+
+// All that were ever ready, by their bus names. From any thread.
+class Acquaintances {
+public:
+    void Meet(const Partner& partner)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_partners[partner.Name()] = partner;
+    }
+    Partner Named(const std::string& name) const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const auto found = m_partners.find(name);
+        return found != m_partners.end() ? found->second : Partner();
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::map<std::string, Partner> m_partners;
+};
+
+// What happens while the endpoint starts is said after "on" all the same.
+void SayEverything(PelmarEndpoint& endpoint, Acquaintances& acquaintances,
+                   const std::shared_future<void>& on)
 {
+    using Message = PelmarEndpoint::Message;
     const auto say = [on](const char* what, const std::string& text = "") {
         on.wait();
         Say(what, text);
     };
-    PelmarEndpoint::Handlers handlers;
-    handlers.message = [say](Bytes& data) {
-        say("message", Hex(data));
-        return AnswerTo(data);
-    };
-    handlers.notification = [say](Bytes& data) { say("notification", Hex(data)); };
-    handlers.ready = [say](const std::string& partner) { say("ready", partner); };
-    handlers.lost = [say](const std::string& partner) { say("lost", partner); };
-    handlers.bus_lost = [say] { say("bus_lost"); };
-    handlers.bus_back = [say] { say("bus_back"); };
-    handlers.problem = [say](const std::string& text) { say("problem", text); };
-    return handlers;
+    endpoint.OnMessage([say](const Message& message) {
+        say("message", Hex(message.data));
+        return AnswerTo(message.data);
+    });
+    endpoint.OnNotification(
+        [say](const Message& message) { say("notification", Hex(message.data)); });
+    endpoint.OnReady([say, &acquaintances](const Partner& partner) {
+        acquaintances.Meet(partner);
+        say("ready", partner.Name());
+    });
+    endpoint.OnLost([say](const Partner& partner) { say("lost", partner.Name()); });
+    endpoint.OnBusLost([say] { say("bus_lost"); });
+    endpoint.OnBusBack([say] { say("bus_back"); });
+    endpoint.OnProblem([say](PelmarEndpoint::Problem /*problem*/, const std::string& text) {
+        say("problem", text);
+    });
 }
 
-void SendTo(PelmarEndpoint& endpoint, const std::string& partner, const Bytes& data)
+void SendTo(PelmarEndpoint& endpoint, const Partner& partner, const Bytes& data)
 {
     const PelmarEndpoint::Response response =
-        endpoint.Request(data, partner, std::chrono::seconds(10));
+        endpoint.Request(partner, data, std::chrono::seconds(10));
     if (response.status == PelmarEndpoint::Status::ok)
         Say("reply", Hex(response.data));
     else
@@ -51,24 +81,33 @@ void SayStatus(PelmarEndpoint::Status status)
     Say("status", PelmarEndpoint::ToString(status));
 }
 
+// Of all that it was to go to: what came of the first one that it missed.
+PelmarEndpoint::Status StatusOf(const PelmarEndpoint::Broadcast& broadcast)
+{
+    if (!broadcast.missed.empty())
+        return broadcast.missed.front().status;
+    return broadcast.sent != 0 ? PelmarEndpoint::Status::ok
+                               : PelmarEndpoint::Status::no_such_partner;
+}
+
 void SayPartners(const PelmarEndpoint& endpoint)
 {
     std::string names;
-    for (const std::string& name : endpoint.Partners())
-        names += name + " ";
+    for (const Partner& partner : endpoint.Partners())
+        names += partner.Name() + " ";
     Say("partners", names);
 }
 
 // False when the program is to end.
-bool Obey(PelmarEndpoint& endpoint, const std::string& line)
+bool Obey(PelmarEndpoint& endpoint, const Acquaintances& acquaintances, const std::string& line)
 {
     const Command command(line);
     if (command.name == "notify")
-        SayStatus(endpoint.Notify(command.data));
+        SayStatus(StatusOf(endpoint.NotifyAll(command.data)));
     else if (command.name == "notify-to")
-        SayStatus(endpoint.Notify(command.data, command.partner));
+        SayStatus(endpoint.Notify(acquaintances.Named(command.partner), command.data));
     else if (command.name == "send")
-        SendTo(endpoint, command.partner, command.data);
+        SendTo(endpoint, acquaintances.Named(command.partner), command.data);
     else if (command.name == "partners")
         SayPartners(endpoint);
     else if (command.name == "stop")
@@ -86,16 +125,18 @@ int main(int argc, char** argv)
         return 2;
     }
     WaitForGo(argc, argv);
-    PelmarEndpoint::Options options;
-    if (std::string(argv[1]) == "client")
-        options.role = PelmarEndpoint::Role::client;
-    options.exit_when_bus_dies = argc > 3 && std::string(argv[3]) == "--exit-when-bus-dies";
+    const bool is_client = std::string(argv[1]) == "client";
+    Acquaintances acquaintances;
+    PelmarEndpoint endpoint(
+        is_client ? PelmarEndpoint::Role::client : PelmarEndpoint::Role::service, argv[2]);
     std::promise<void> on;
-    PelmarEndpoint endpoint(argv[2], SayEverything(on.get_future()), options);
+    SayEverything(endpoint, acquaintances, on.get_future());
+    endpoint.ExitWhenBusDies(argc > 3 && std::string(argv[3]) == "--exit-when-bus-dies");
+    endpoint.Start();
     Say("on", "");
     on.set_value();
     std::string line;
-    while (std::getline(std::cin, line) && Obey(endpoint, line)) {
+    while (std::getline(std::cin, line) && Obey(endpoint, acquaintances, line)) {
     }
     return 0;
 }

@@ -18,7 +18,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <mutex>
 #include <random>
 
@@ -48,28 +47,32 @@ std::uint64_t NumberOf(const Bytes& data)
 
 class SoakPeer {
 public:
-    explicit SoakPeer(PelmarEndpoint::Role role)
+    explicit SoakPeer(PelmarEndpoint::Role role) : m_endpoint(role, "soak")
     {
-        PelmarEndpoint::Handlers handlers;
-        handlers.message = [this](Bytes& data) { return Answer(data); };
-        handlers.notification = [this](Bytes& data) { Receive(data); };
-        handlers.problem = [](const std::string& text) { std::cerr << text << std::endl; };
-        PelmarEndpoint::Options options;
-        options.role = role;
-        m_endpoint = std::make_unique<PelmarEndpoint>("soak", handlers, options);
+        using Message = PelmarEndpoint::Message;
+        m_endpoint.OnMessage([this](const Message& message) { return Answer(message.data); });
+        m_endpoint.OnNotification([this](const Message& message) { Receive(message.data); });
+        m_endpoint.OnProblem([](PelmarEndpoint::Problem /*problem*/, const std::string& text) {
+            std::cerr << text << std::endl;
+        });
+        m_endpoint.Start();
     }
     bool AwaitPartner()
     {
-        const auto partner = m_endpoint->WaitForPartner(Clock::now() + std::chrono::seconds(20));
-        m_partner = partner.value_or("");
+        const auto partner = m_endpoint.WaitForPartner(Clock::now() + std::chrono::seconds(20));
+        m_partner = partner.value_or(PelmarEndpoint::Partner());
         return partner.has_value();
     }
 
+    // A number that nobody took is given to the next one.
     void Broadcast()
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        Count(m_endpoint->Notify(Numbered(m_last_sent + 1, Filler())), m_notifications_sent);
-        m_last_sent = m_notifications_sent;
+        const auto broadcast = m_endpoint.NotifyAll(Numbered(m_last_sent + 1, Filler()));
+        if (broadcast.sent != 0)
+            m_last_sent = ++m_notifications_sent;
+        for (const PelmarEndpoint::Missed& missed : broadcast.missed)
+            Count(missed.status, m_notifications_sent);
     }
 
     void SendNext()
@@ -77,10 +80,10 @@ public:
         const Bytes data(Filler(), 'y');
         m_requests_turn = !m_requests_turn;
         if (!m_requests_turn) {
-            Count(m_endpoint->Notify(data, m_partner), m_notifications_sent);
+            Count(m_endpoint.Notify(m_partner, data), m_notifications_sent);
             return;
         }
-        const auto response = m_endpoint->Request(data, m_partner, std::chrono::seconds(10));
+        const auto response = m_endpoint.Request(m_partner, data, std::chrono::seconds(10));
         const bool wrong = response.status == Status::ok && response.data != data;
         Count(wrong ? Status::remote_error : response.status, m_messages_sent);
     }
@@ -88,7 +91,7 @@ public:
     // The service numbers the broadcast before it answers, but the answer may overtake it in here.
     bool TakeLeave()
     {
-        const auto response = m_endpoint->Request(FAREWELL, m_partner, std::chrono::seconds(10));
+        const auto response = m_endpoint.Request(m_partner, FAREWELL, std::chrono::seconds(10));
         if (response.status != Status::ok)
             return false;
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -145,7 +148,7 @@ private:
     std::size_t Filler() { return m_random() % 500 == 0 ? 64UL * 1024 : 1 + m_random() % 1024; }
 
     std::minstd_rand m_random{1};
-    std::string m_partner;
+    PelmarEndpoint::Partner m_partner;
     bool m_requests_turn = false;
 
     std::mutex m_mutex;
@@ -161,7 +164,7 @@ private:
     std::uint64_t m_notifications_received = 0;
 
     // Last: its handlers use all the others.
-    std::unique_ptr<PelmarEndpoint> m_endpoint;
+    PelmarEndpoint m_endpoint;
 };
 
 // Waits until the next sending is due, or for a command; true when one has come.

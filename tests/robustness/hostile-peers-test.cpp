@@ -69,6 +69,9 @@ private:
 class PlainService : public PelmarDbusLocal {
 public:
     explicit PlainService(News& news) : PelmarDbusLocal(CHANNEL), m_news(news) {}
+    ~PlainService() { g_object_unref(m_connection); }
+
+    std::string Name() const { return g_dbus_connection_get_unique_name(m_connection); }
 
     Bytes HandleMessage(Bytes& data) override
     {
@@ -83,35 +86,61 @@ public:
 
 private:
     News& m_news;
+    // The process's shared one, which it uses.
+    GDBusConnection* m_connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
 };
 
 class EndpointService {
 public:
-    explicit EndpointService(News& news) : m_endpoint(CHANNEL, Handlers(news)) {}
-
-    static PelmarEndpoint::Handlers Handlers(News& news)
+    explicit EndpointService(News& news)
     {
-        PelmarEndpoint::Handlers handlers;
-        handlers.message = [&news](Bytes& data) {
-            news.Add("message " + TextOf(data));
-            return Bytes(data.rbegin(), data.rend());
-        };
-        handlers.notification = [&news](Bytes& data) { news.Add("notification " + TextOf(data)); };
-        handlers.ready = [&news](const std::string& partner) { news.Add("ready " + partner); };
-        handlers.lost = [&news](const std::string& partner) { news.Add("lost " + partner); };
-        handlers.problem = [&news](const std::string& text) { news.Add("problem " + text); };
-        return handlers;
+        Follow(news, m_endpoint);
+        m_endpoint.Start();
+    }
+
+    std::string Name() const { return m_endpoint.Name(); }
+
+    static Bytes Answer(News& news, const PelmarEndpoint::Message& message)
+    {
+        news.Add("message " + TextOf(message.data));
+        return Bytes(message.data.rbegin(), message.data.rend());
+    }
+
+    static void Follow(News& news, PelmarEndpoint& endpoint)
+    {
+        using Message = PelmarEndpoint::Message;
+        using Partner = PelmarEndpoint::Partner;
+        endpoint.OnMessage([&news](Message& message) { return Answer(news, message); });
+        endpoint.OnNotification(
+            [&news](Message& message) { news.Add("notification " + TextOf(message.data)); });
+        endpoint.OnReady([&news](const Partner& partner) { news.Add("ready " + partner.Name()); });
+        endpoint.OnLost([&news](const Partner& partner) { news.Add("lost " + partner.Name()); });
+        endpoint.OnProblem([&news](PelmarEndpoint::Problem /*problem*/, const std::string& text) {
+            news.Add("problem " + text);
+        });
     }
 
 private:
-    PelmarEndpoint m_endpoint;
+    PelmarEndpoint m_endpoint{PelmarEndpoint::Role::service, CHANNEL};
 };
 
 // An endpoint with room for 8 MiB, whose handler stays inside the first message until it is let go.
 class HeldEndpointService {
 public:
-    explicit HeldEndpointService(News& news) : m_endpoint(CHANNEL, Handlers(news), Options()) {}
+    explicit HeldEndpointService(News& news)
+    {
+        EndpointService::Follow(news, m_endpoint);
+        m_endpoint.OnMessage([&news, this](PelmarEndpoint::Message& message) {
+            Bytes reply = EndpointService::Answer(news, message);
+            m_open.wait();
+            return reply;
+        });
+        m_endpoint.SetIntake(8UL * 1024 * 1024);
+        m_endpoint.Start();
+    }
     ~HeldEndpointService() { LetGo(); }
+
+    std::string Name() const { return m_endpoint.Name(); }
 
     void LetGo()
     {
@@ -120,40 +149,26 @@ public:
     }
 
 private:
-    static PelmarEndpoint::Options Options()
-    {
-        PelmarEndpoint::Options options;
-        options.intake_bytes = 8UL * 1024 * 1024;
-        return options;
-    }
-
-    PelmarEndpoint::Handlers Handlers(News& news)
-    {
-        PelmarEndpoint::Handlers handlers = EndpointService::Handlers(news);
-        handlers.message = [answer = handlers.message, this](Bytes& data) {
-            Bytes reply = answer(data);
-            m_open.wait();
-            return reply;
-        };
-        return handlers;
-    }
-
     bool m_let_go = false;
     std::promise<void> m_gate;
     std::shared_future<void> m_open = m_gate.get_future();
-    PelmarEndpoint m_endpoint;
+    PelmarEndpoint m_endpoint{PelmarEndpoint::Role::service, CHANNEL};
 };
 
 template <typename Service>
 class AServiceUnderAttack : public testing::Test {
 protected:
-    ~AServiceUnderAttack() override { g_object_unref(m_connection); }
+    std::string Target() const { return m_service.Name(); }
 
-    std::string Target() const { return g_dbus_connection_get_unique_name(m_connection); }
-
+    // It has the channel's object, which an endpoint asks whether it is there.
+    void PulseAsPartner(BusActor& partner)
+    {
+        partner.Serve(CHANNEL, [](const Bytes& data) { return data; });
+        partner.Pulse(names::Peer(CHANNEL, names::SYN_ACK));
+    }
     void MakeReady(BusActor& partner)
     {
-        partner.Pulse(names::Peer(CHANNEL, names::SYN_ACK));
+        PulseAsPartner(partner);
         AwaitNews("ready " + partner.UniqueName());
     }
 
@@ -232,8 +247,6 @@ protected:
     TestBus m_bus;
     News m_news;
     Service m_service{m_news};
-    // The process's shared one, which the service uses.
-    GDBusConnection* m_connection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
     BusActor m_partner{m_bus};
     BusActor m_stranger{m_bus};
 };
@@ -331,6 +344,7 @@ TYPED_TEST(AServiceUnderAttack, AnswersTheCallsOfAStrangerThatTheBusLetsThrough)
 TYPED_TEST(AServiceUnderAttack, TakesWhoeverReleasesAPeersNameForAPartner)
 {
     const std::string name = names::Peer(CHANNEL, names::SYN_ACK);
+    this->m_stranger.Serve(CHANNEL, [](const Bytes& data) { return data; });
     this->m_stranger.Acquire(name);
     EXPECT_EQ(3U, this->m_partner.Acquire(name));
     this->m_stranger.Release(name);
@@ -339,15 +353,16 @@ TYPED_TEST(AServiceUnderAttack, TakesWhoeverReleasesAPeersNameForAPartner)
     this->ExpectWorking();
 }
 
-// Its own pulse does not show; what the partner sees of the service then comes from its side.
+// Its own pulses do not show. A plain channel takes the partner's word for it all the same, and an
+// endpoint takes a call for a sign that the partner knows of it.
 TYPED_TEST(AServiceUnderAttack, TakesAPartnerThoughItsOwnNamesAreHeldForEver)
 {
     for (const std::string& stage : {names::SYN, names::SYN_ACK, names::ACK})
         this->m_stranger.Acquire(names::Own(CHANNEL, stage));
     this->m_partner.Pulse(names::Peer(CHANNEL, names::SYN));
     this->m_partner.Pulse(names::Peer(CHANNEL, names::ACK));
-    this->AwaitNews("ready " + this->m_partner.UniqueName());
     this->ExpectWorking();
+    EXPECT_EQ(1, this->m_news.CountOf("ready " + this->m_partner.UniqueName()));
 }
 
 TYPED_TEST(AServiceUnderAttack, ServesTheLargestNumberOfPartnersThatAUserMayHave)
@@ -355,7 +370,7 @@ TYPED_TEST(AServiceUnderAttack, ServesTheLargestNumberOfPartnersThatAUserMayHave
     std::vector<std::unique_ptr<BusActor>> crowd;
     for (int i = 0; i < 250; ++i) {
         crowd.push_back(std::make_unique<BusActor>(this->m_bus));
-        crowd.back()->Pulse(names::Peer(CHANNEL, names::SYN_ACK));
+        this->PulseAsPartner(*crowd.back());
     }
     IterateUntil([this] { return this->m_news.CountOf("ready ") == 250; }, "250 partners");
     for (const auto& partner : crowd)
@@ -382,7 +397,9 @@ protected:
     // The process has read everything that was sent to it, and the handler goes on.
     void LetGo()
     {
-        TestBus::Settle(m_connection);
+        // What has no room is refused at once, and in the order of the bus.
+        const auto last = m_stranger.Send(Target(), CHANNEL, Bytes(8UL * 1024 * 1024, 'y'));
+        EXPECT_EQ("org.freedesktop.DBus.Error.LimitsExceeded", Finish(last)->error);
         m_service.LetGo();
         Finish(m_held);
         ExpectWorking();

@@ -81,7 +81,8 @@ void BusActor::Pulse(const std::string& name)
 
 void BusActor::Serve(const std::string& channel, std::function<Bytes(const Bytes&)> answer)
 {
-    m_answer = std::move(answer);
+    if (std::exchange(m_answer, std::move(answer)) != nullptr)
+        return;
     static const GDBusInterfaceVTable vtable = {
         [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
            GVariant* arguments, GDBusMethodInvocation* invocation, gpointer actor) {
@@ -134,6 +135,20 @@ std::shared_ptr<BusActor::Call> BusActor::CallMethod(const std::string& destinat
                            G_VARIANT_TYPE("(ay)"), G_DBUS_CALL_FLAGS_NONE, no_timeout, nullptr,
                            finish, new std::shared_ptr<Call>(call));
     return call;
+}
+
+void BusActor::Ask(const std::string& destination, const std::string& channel)
+{
+    const auto forget = [](GObject* connection, GAsyncResult* result, gpointer) {
+        GVariant* reply =
+            g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, nullptr);
+        if (reply != nullptr)
+            g_variant_unref(reply);
+    };
+    g_dbus_connection_call(m_connection, destination.c_str(), names::Path(channel).c_str(),
+                           "org.freedesktop.DBus.Properties", "GetAll",
+                           g_variant_new("(s)", names::INTERFACE.c_str()), nullptr,
+                           G_DBUS_CALL_FLAGS_NONE, -1, nullptr, forget, nullptr);
 }
 
 void BusActor::Emit(const std::string& destination, const std::string& path,

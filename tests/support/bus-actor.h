@@ -39,8 +39,10 @@ public:
     /// Acquires the name and releases it at once.
     void Pulse(const std::string& name);
 
-    /// Exports a channel's object whose Send calls `answer`, dispatched by the default context.
+    /// Exports a channel's object whose Send calls `answer`, dispatched by the default context; the
+    /// second time only the answer changes.
     void Serve(const std::string& channel, std::function<Bytes(const Bytes&)> answer);
+    bool Serves() const { return m_answer != nullptr; }
 
     /// What a call came to: the reply, or the error's D-Bus name, or neither yet.
     struct Call {
@@ -56,6 +58,9 @@ public:
     /// Any method of the channel's interface, with any arguments (consumed when floating).
     std::shared_ptr<Call> CallMethod(const std::string& destination, const std::string& path,
                                      const std::string& method, GVariant* arguments);
+
+    /// Asks an endpoint at `destination` what partners ask, and does not wait for the answer.
+    void Ask(const std::string& destination, const std::string& channel);
 
     /// A signal of the channel's interface; `destination` may be empty for a broadcast.
     void Emit(const std::string& destination, const std::string& path, const std::string& member,

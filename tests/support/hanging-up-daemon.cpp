@@ -32,8 +32,8 @@ std::string Greeting()
     return {reinterpret_cast<const char*>(blob), size};
 }
 
-// Takes what comes up to `end` and what came with it.
-bool ReadTo(int socket, const char* end, std::string& come)
+// Takes what comes up to `end`; the rest stays in `come`. What was before it goes to `before`.
+bool ReadTo(int socket, const char* end, std::string& come, std::string* before = nullptr)
 {
     char buffer[4096];
     while (come.find(end) == std::string::npos) {
@@ -42,6 +42,8 @@ bool ReadTo(int socket, const char* end, std::string& come)
             return false;
         come.append(buffer, static_cast<std::size_t>(count));
     }
+    if (before != nullptr)
+        *before = come.substr(0, come.find(end));
     come.erase(0, come.find(end) + std::strlen(end));
     return true;
 }
@@ -52,10 +54,15 @@ void Greet(int socket)
     std::string come;
     if (ReadTo(socket, "AUTH\r\n", come))
         Write(socket, "REJECTED EXTERNAL\r\n");
-    if (ReadTo(socket, "AUTH EXTERNAL\r\n", come))
+    // Who it is may come with that or when it is asked for.
+    std::string user;
+    if (ReadTo(socket, "AUTH EXTERNAL", come) && ReadTo(socket, "\r\n", come, &user) &&
+        user.empty()) {
         Write(socket, "DATA\r\n");
-    if (ReadTo(socket, "DATA", come) && ReadTo(socket, "\r\n", come))
-        Write(socket, "OK 0123456789abcdef0123456789abcdef\r\n");
+        if (!ReadTo(socket, "DATA", come) || !ReadTo(socket, "\r\n", come))
+            return;
+    }
+    Write(socket, "OK 0123456789abcdef0123456789abcdef\r\n");
     if (ReadTo(socket, "NEGOTIATE_UNIX_FD\r\n", come))
         Write(socket, "AGREE_UNIX_FD\r\n");
     if (ReadTo(socket, "BEGIN\r\n", come) && ReadTo(socket, "Hello", come))

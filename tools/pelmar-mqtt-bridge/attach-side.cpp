@@ -9,7 +9,7 @@
 
 namespace {
 
-// The bus daemon stops whoever waits for 128 answers.
+// Calls that are under way. Those that wait here are forgotten with the session.
 constexpr std::size_t MOST_RUNNING = 100;
 
 }  // namespace
@@ -22,10 +22,9 @@ AttachSide::AttachSide(EventLoop& loop, const Options& options, const std::strin
 
 void AttachSide::Start()
 {
-    PelmarEndpoint::Options options;
-    options.role = PelmarEndpoint::Role::client;
-    options.queue_bytes = GetOptions().queue_bytes;
-    m_endpoint = std::make_unique<PelmarEndpoint>(Channel(), EndpointHandlers(), options);
+    m_endpoint = NewEndpoint(PelmarEndpoint::Role::client);
+    SetHandlers();
+    StartEndpoint(*m_endpoint);
     BridgeSide::Start();
 }
 
@@ -44,56 +43,47 @@ std::vector<std::string> AttachSide::Subscriptions(const std::string& session) c
 
 // ---- The local service ---------------------------------------------------------------------
 
-// Called by the endpoint's thread.
-PelmarEndpoint::Handlers AttachSide::EndpointHandlers()
+void AttachSide::SetHandlers()
 {
-    PelmarEndpoint::Handlers handlers;
-    handlers.ready = [this](const std::string& service) {
-        Post([this, service] { OnServiceReady(service); });
-    };
-    handlers.lost = [this](const std::string& service) {
-        Post([this, service] { OnServiceLost(service); });
-    };
-    handlers.notification = [this](Bytes& data) {
-        const ByteBudget::Share share = TakeRoom(data.size());
-        if (share == nullptr)
-            Post([this] { Refuse("a notification found the bridge's queue full"); });
-        else
-            Post([this, share, data = std::move(data)] { OnNotification(data, share); });
-    };
-    handlers.message = [this](Bytes& /*data*/) -> Bytes {
+    m_endpoint->OnReady([this](const auto& service) { OnServiceReady(service); });
+    m_endpoint->OnLost([this](const auto& service) { OnServiceLost(service); });
+    m_endpoint->OnNotification(
+        [this](PelmarEndpoint::Message& message) { OnNotification(std::move(message.data)); });
+    m_endpoint->OnMessage([this](const PelmarEndpoint::Message& /*message*/) -> Bytes {
         const std::string text = "a bridge carries calls from clients to the service only";
-        Post([this, text] { Refuse(text); });
+        Refuse(text);
         throw std::runtime_error(text);
-    };
-    return handlers;
+    });
 }
 
-void AttachSide::OnServiceReady(const std::string& service)
+void AttachSide::OnServiceReady(const PelmarEndpoint::Partner& service)
 {
     m_services.push_back(service);
-    report::Info("the service " + service + " is ready");
+    report::Info("the service " + service.Name() + " is ready");
     if (m_services.size() > 1)
         report::Error("there are " + std::to_string(m_services.size()) +
-                      " services on this bus; calls go to " + m_services.front() +
+                      " services on this bus; calls go to " + m_services.front().Name() +
                       " while it is there, notifications to and from all");
     m_bus.clear();  // it may be another one than before
     Decide();
 }
 
-void AttachSide::OnServiceLost(const std::string& service)
+void AttachSide::OnServiceLost(const PelmarEndpoint::Partner& service)
 {
     m_services.erase(std::remove(m_services.begin(), m_services.end(), service), m_services.end());
-    report::Info("the service " + service + " is lost");
+    report::Info("the service " + service.Name() + " is lost");
     Decide();
 }
 
-void AttachSide::OnNotification(const Bytes& data, const ByteBudget::Share& share)
+void AttachSide::OnNotification(Bytes data)
 {
-    if (IsAnnounced())
-        CarryNotification(GetTopics().Make("down", Session()), data, share);
-    else
+    ByteBudget::Share share = TakeRoom(data.size());
+    if (!IsAnnounced())
         Refuse("a notification of the service came while no bridge could be told");
+    else if (share == nullptr)
+        Refuse("a notification found the bridge's queue full");
+    else
+        CarryNotification(GetTopics().Make("down", Session()), std::move(data), std::move(share));
 }
 
 // ---- Whether this bridge carries the service -----------------------------------------------
@@ -241,16 +231,16 @@ void AttachSide::Take(const std::string& from, MqttMessage& message)
 void AttachSide::HandleInbox()
 {
     while (!m_inbox.empty() && m_running < MOST_RUNNING) {
-        const Inbound inbound = std::move(m_inbox.front());
+        Inbound inbound = std::move(m_inbox.front());
         m_inbox.pop_front();
         if (inbound.message.correlation.empty())
-            Notify(inbound);
+            Notify(std::move(inbound));
         else
-            Execute(inbound);
+            Execute(std::move(inbound));
     }
 }
 
-void AttachSide::Execute(const Inbound& request)
+void AttachSide::Execute(Inbound request)
 {
     const std::int64_t left = NumberOf(request.message, "deadline") - ClockNow();
     if (left <= 0) {
@@ -266,26 +256,20 @@ void AttachSide::Execute(const Inbound& request)
     ++Counted().requests;
     const auto done = [this, session = CurrentSession(), to = request.from,
                        correlation = request.message.correlation,
-                       share = request.share](const PelmarEndpoint::Response& response) {
-        Post([=] {
-            --m_running;
-            if (session == CurrentSession() && HasSession())
-                Answer(to, correlation, response);
-            HandleInbox();
-        });
+                       share = request.share](PelmarEndpoint::Response response) {
+        --m_running;
+        if (session == CurrentSession() && HasSession())
+            Answer(to, correlation, std::move(response));
+        HandleInbox();
     };
-    m_endpoint->Request(request.message.payload, m_services.front(),
+    m_endpoint->Request(m_services.front(), std::move(request.message.payload),
                         std::chrono::milliseconds(left), done);
 }
 
-void AttachSide::Notify(const Inbound& notification)
+void AttachSide::Notify(Inbound notification)
 {
-    const PelmarEndpoint::Status status = m_endpoint->Notify(notification.message.payload);
-    if (status == PelmarEndpoint::Status::ok)
-        ++Counted().notifications;
-    else
-        Refuse(std::string("a notification did not reach the service: ") +
-               PelmarEndpoint::ToString(status));
+    if (!NotifyPartners(*m_endpoint, std::move(notification.message.payload)))
+        Refuse("a notification came when the service was gone");
 }
 
 void AttachSide::Answer(const std::string& to, const std::string& correlation,
@@ -295,6 +279,8 @@ void AttachSide::Answer(const std::string& to, const std::string& correlation,
     const std::string too_large = answered ? TooLarge(response.data.size()) : "";
     if (!too_large.empty())
         Refuse(too_large);
+    if (response.status == PelmarEndpoint::Status::queue_full)
+        Refuse("a call found no room in the queue of the service");
     const bool ok = answered && too_large.empty();
     MqttMessage answer =
         NewMessage(GetTopics().Make("reply", Session(), to), ok ? "answer" : "failure");

@@ -33,10 +33,10 @@ private:
     void OnMessage(const std::vector<std::string>& levels, MqttMessage& message) override;
     void OnTick() override;
 
-    PelmarEndpoint::Handlers EndpointHandlers();
-    void OnServiceReady(const std::string& service);
-    void OnServiceLost(const std::string& service);
-    void OnNotification(const Bytes& data, const ByteBudget::Share& share);
+    void SetHandlers();
+    void OnServiceReady(const PelmarEndpoint::Partner& service);
+    void OnServiceLost(const PelmarEndpoint::Partner& service);
+    void OnNotification(Bytes data);
 
     void OnServiceState(const std::string& session, const MqttMessage& state);
     void OnOfferState(const std::string& session, const MqttMessage& state);
@@ -49,13 +49,13 @@ private:
     void Welcome(const std::string& from, const MqttMessage& greeting);
     void Take(const std::string& from, MqttMessage& message);
     void HandleInbox();
-    void Execute(const Inbound& request);
-    void Notify(const Inbound& notification);
+    void Execute(Inbound request);
+    void Notify(Inbound notification);
     void Answer(const std::string& to, const std::string& correlation,
                 PelmarEndpoint::Response response);
     void AnswerFailure(const Inbound& request, const std::string& text);
 
-    std::vector<std::string> m_services;  // in the order in which they became ready
+    std::vector<PelmarEndpoint::Partner> m_services;  // in the order in which they became ready
     std::string m_bus;
     bool m_knows_others = false;
     PresenceBoard m_others;

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <ctime>
 #include <random>
+#include <system_error>
+#include <utility>
 
 #include "exit-status.h"
 #include "report.h"
@@ -250,8 +252,7 @@ void BridgeSide::Publish(const MqttMessage& message, ByteBudget::Share share,
     });
 }
 
-void BridgeSide::CarryNotification(const std::string& topic, const Bytes& data,
-                                   ByteBudget::Share share)
+void BridgeSide::CarryNotification(const std::string& topic, Bytes data, ByteBudget::Share share)
 {
     const std::string too_large = TooLarge(data.size());
     if (!too_large.empty()) {
@@ -259,9 +260,41 @@ void BridgeSide::CarryNotification(const std::string& topic, const Bytes& data,
         return;
     }
     MqttMessage message = NewNumberedMessage(topic, "notification");
-    message.payload = data;
+    message.payload = std::move(data);
     ++m_counters.notifications;
     Publish(message, std::move(share));
+}
+
+std::unique_ptr<PelmarEndpoint> BridgeSide::NewEndpoint(PelmarEndpoint::Role role) const
+{
+    auto endpoint = std::make_unique<PelmarEndpoint>(role, m_channel);
+    endpoint->RunHandlersIn(m_loop.Context());
+    endpoint->SetWindow(m_options.queue_bytes);
+    return endpoint;
+}
+
+void BridgeSide::StartEndpoint(PelmarEndpoint& endpoint)
+{
+    try {
+        endpoint.Start();
+    } catch (const std::system_error& error) {
+        report::Error(std::string("cannot come onto the bus: ") + error.what());
+        m_fatal(STATUS_FAILURE);
+    }
+}
+
+bool BridgeSide::NotifyPartners(PelmarEndpoint& endpoint, Bytes data)
+{
+    const PelmarEndpoint::Broadcast broadcast = endpoint.NotifyAll(std::move(data));
+    if (broadcast.sent != 0)
+        ++m_counters.notifications;
+    for (const PelmarEndpoint::Missed& missed : broadcast.missed) {
+        const bool is_gone = missed.status == PelmarEndpoint::Status::no_such_partner;
+        if (!is_gone)
+            Refuse(std::string("a notification did not reach a partner: ") +
+                   PelmarEndpoint::ToString(missed.status));
+    }
+    return broadcast.sent != 0 || !broadcast.missed.empty();
 }
 
 bool BridgeSide::IsNew(SequenceMemory& received, const MqttMessage& message)

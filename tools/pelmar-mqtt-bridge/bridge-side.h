@@ -31,7 +31,7 @@ std::int64_t NumberOf(const MqttMessage& message, const std::string& property);
 // Which one of its sender's messages it is.
 std::uint64_t SequenceNumberOf(const MqttMessage& message);
 
-// Lives in the loop's thread, but for what says otherwise.
+// Lives in the loop's thread.
 class BridgeSide : public MqttLinkEvents {
 public:
     // What the bridge has to end for, with the exit status.
@@ -85,11 +85,21 @@ protected:
     void Publish(const MqttMessage& message, ByteBudget::Share share,
                  MqttLink::Published refused = {});
 
-    // Takes room in the queue; from any thread. Null when there is none.
+    // Takes room in the queue. Null when there is none.
     ByteBudget::Share TakeRoom(std::size_t size) { return m_budget.Take(size); }
 
     // Sends a notification on its way, unless it is too large.
-    void CarryNotification(const std::string& topic, const Bytes& data, ByteBudget::Share share);
+    void CarryNotification(const std::string& topic, Bytes data, ByteBudget::Share share);
+
+    // The bridge's end of the local channel, not started yet. Its handlers run in the loop's
+    // thread.
+    std::unique_ptr<PelmarEndpoint> NewEndpoint(PelmarEndpoint::Role role) const;
+
+    // Ends the bridge where the process can have no more threads or descriptors.
+    void StartEndpoint(PelmarEndpoint& endpoint);
+
+    // Hands a notification to all partners of the endpoint. False when there is none.
+    bool NotifyPartners(PelmarEndpoint& endpoint, Bytes data);
 
     // Counts what is a duplicate, which is not to be taken, and what is missing before it.
     bool IsNew(SequenceMemory& received, const MqttMessage& message);
@@ -99,9 +109,6 @@ protected:
 
     // Counts, and says so the first time in a session for each reason.
     void Refuse(const std::string& reason);
-
-    // A task for the loop; from any thread.
-    void Post(EventLoop::Task task) { m_loop.Post(std::move(task)); }
 
     const Options& GetOptions() const { return m_options; }
     const std::string& Channel() const { return m_channel; }

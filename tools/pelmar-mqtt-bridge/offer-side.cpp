@@ -95,26 +95,23 @@ void OfferSide::Greet(const std::string& service)
 void OfferSide::Join(const std::string& service, const MqttMessage& welcome)
 {
     m_service = service;
-    ++m_join;
     m_unanswered_greetings = 0;
     m_reported_loop = false;
     m_received = {};
     m_received.StartAfter(SequenceNumberOf(welcome));
-    PelmarEndpoint::Options options;
-    options.role = PelmarEndpoint::Role::service;
-    options.queue_bytes = GetOptions().queue_bytes;
-    m_endpoint = std::make_unique<PelmarEndpoint>(Channel(), EndpointHandlers(), options);
+    m_endpoint = NewEndpoint(PelmarEndpoint::Role::service);
+    SetHandlers();
+    StartEndpoint(*m_endpoint);
     Announce(m_bus);
     report::Info("the service is offered");
 }
 
-// With the endpoint the process leaves the bus, and its clients are told by the bus.
+// With the endpoint the bridge leaves the bus, and its clients are told by the bus.
 void OfferSide::Leave(const std::string& reason)
 {
     if (m_service.empty())
         return;
     m_service.clear();
-    ++m_join;
     for (const auto& [number, pending] : m_pending)
         pending.reply.Fail("the call was not answered: " + reason);
     m_pending.clear();
@@ -126,47 +123,38 @@ void OfferSide::Leave(const std::string& reason)
 
 // ---- From the clients ----------------------------------------------------------------------
 
-// From the endpoint's thread. What comes to be run when the endpoint has gone is dropped; a call's
-// reply fails with it.
-template <typename Function>
-void OfferSide::PostWhileJoined(std::uint64_t join, Function function)
+void OfferSide::SetHandlers()
 {
-    Post([this, join, function = std::move(function)]() mutable {
-        if (join == m_join)
-            function();
+    using Message = PelmarEndpoint::Message;
+    m_endpoint->OnDeferredMessage([this](Message& message, const PelmarEndpoint::Reply& reply) {
+        TakeCall(std::move(message.data), reply);
     });
+    m_endpoint->OnNotification(
+        [this](Message& message) { TakeNotification(std::move(message.data)); });
 }
 
-PelmarEndpoint::Handlers OfferSide::EndpointHandlers()
+void OfferSide::TakeCall(Bytes data, const PelmarEndpoint::Reply& reply)
 {
-    PelmarEndpoint::Handlers handlers;
-    handlers.deferred_message = [this, join = m_join](Bytes& data,
-                                                      const PelmarEndpoint::Reply& reply) {
-        const ByteBudget::Share share = TakeRoom(data.size());
-        if (share == nullptr) {
-            reply.Fail("the bridge's queue is full");
-            PostWhileJoined(join, [this] { Refuse("a call found the bridge's queue full"); });
-        } else {
-            PostWhileJoined(join, [this, share, reply, data = std::move(data)] {
-                SendRequest(data, reply, share);
-            });
-        }
-    };
-    handlers.notification = [this, join = m_join](Bytes& data) {
-        const ByteBudget::Share share = TakeRoom(data.size());
-        if (share == nullptr)
-            PostWhileJoined(join,
-                            [this] { Refuse("a notification found the bridge's queue full"); });
-        else
-            PostWhileJoined(join, [this, share, data = std::move(data)] {
-                CarryNotification(GetTopics().Make("up", m_service, Session()), data, share);
-            });
-    };
-    return handlers;
+    ByteBudget::Share share = TakeRoom(data.size());
+    if (share != nullptr) {
+        SendRequest(std::move(data), reply, std::move(share));
+        return;
+    }
+    Refuse("a call found the bridge's queue full");
+    reply.Fail("the bridge's queue is full");
 }
 
-void OfferSide::SendRequest(const Bytes& data, const PelmarEndpoint::Reply& reply,
-                            const ByteBudget::Share& share)
+void OfferSide::TakeNotification(Bytes data)
+{
+    ByteBudget::Share share = TakeRoom(data.size());
+    if (share != nullptr)
+        CarryNotification(GetTopics().Make("up", m_service, Session()), std::move(data),
+                          std::move(share));
+    else
+        Refuse("a notification found the bridge's queue full");
+}
+
+void OfferSide::SendRequest(Bytes data, const PelmarEndpoint::Reply& reply, ByteBudget::Share share)
 {
     const std::string too_large = TooLarge(data.size());
     if (!too_large.empty()) {
@@ -177,7 +165,7 @@ void OfferSide::SendRequest(const Bytes& data, const PelmarEndpoint::Reply& repl
     const std::chrono::milliseconds timeout = GetOptions().request_timeout;
     MqttMessage request =
         NewNumberedMessage(GetTopics().Make("up", m_service, Session()), "request");
-    request.payload = data;
+    request.payload = std::move(data);
     request.response_topic = GetTopics().Make("reply", m_service, Session());
     request.correlation = request.properties["number"];
     request.expiry = GetOptions().request_timeout;
@@ -185,7 +173,7 @@ void OfferSide::SendRequest(const Bytes& data, const PelmarEndpoint::Reply& repl
     const std::uint64_t number = LastNumber();
     m_pending.emplace(number, Pending{reply, Clock::now() + timeout});
     ++Counted().requests;
-    Publish(request, share,
+    Publish(request, std::move(share),
             [this, number](const std::string& error) { FailPending(number, error); });
 }
 
@@ -235,12 +223,7 @@ void OfferSide::OnAnswer(MqttMessage& message)
 
 void OfferSide::OnNotification(MqttMessage& message)
 {
-    if (!IsNew(m_received, message))
-        return;
-    const PelmarEndpoint::Status status = m_endpoint->Notify(message.payload);
-    if (status == PelmarEndpoint::Status::ok)
-        ++Counted().notifications;
-    else if (status != PelmarEndpoint::Status::no_such_partner)
-        Refuse(std::string("a notification did not reach the clients: ") +
-               PelmarEndpoint::ToString(status));
+    // Where there are no clients nobody misses it.
+    if (IsNew(m_received, message))
+        NotifyPartners(*m_endpoint, std::move(message.payload));
 }

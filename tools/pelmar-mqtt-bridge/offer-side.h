@@ -37,17 +37,15 @@ private:
     void Join(const std::string& service, const MqttMessage& welcome);
     void Leave(const std::string& reason);
 
-    PelmarEndpoint::Handlers EndpointHandlers();
-    void SendRequest(const Bytes& data, const PelmarEndpoint::Reply& reply,
-                     const ByteBudget::Share& share);
+    void SetHandlers();
+    void TakeCall(Bytes data, const PelmarEndpoint::Reply& reply);
+    void TakeNotification(Bytes data);
+    void SendRequest(Bytes data, const PelmarEndpoint::Reply& reply, ByteBudget::Share share);
     void OnReply(const std::string& from, MqttMessage& message);
     void OnAnswer(MqttMessage& message);
     void OnNotification(MqttMessage& message);
     void FailPending(std::uint64_t number, const std::string& text);
     void ExpirePending();
-
-    template <typename Function>
-    void PostWhileJoined(std::uint64_t join, Function function);
 
     PresenceBoard m_services;
     std::string m_bus;
@@ -56,7 +54,6 @@ private:
 
     // While joined.
     std::string m_service;  // the session of the bridge that has it; empty: not joined
-    std::uint64_t m_join = 0;
     SequenceMemory m_received;
     std::int64_t m_clock_offset = 0;  // from this machine's clock to the other's, or less
     Clock::time_point m_greet_again_at;

@@ -174,12 +174,13 @@ void AddChannelOptions(CLI::App& app, Options& options, Given& given)
         ->group(group);
     app.add_option("--max-message", options.max_message_bytes,
                    "The largest message to carry, in bytes; never more than bus and broker take")
-        ->check(CLI::Range(std::size_t{1}, PelmarEndpoint::MAX_MESSAGE_BYTES))
-        ->default_val(PelmarEndpoint::MAX_MESSAGE_BYTES)
+        ->check(CLI::Range(std::size_t{1}, PelmarEndpoint::MAX_BUS_MESSAGE_BYTES))
+        ->default_val(PelmarEndpoint::MAX_BUS_MESSAGE_BYTES)
         ->type_name("BYTES")
         ->group(group);
     app.add_option("--queue", options.queue_bytes,
-                   "How many bytes may wait for the broker or the bus; what exceeds is refused")
+                   "How many bytes may wait for the broker, or for a partner on the bus; what "
+                   "exceeds is refused")
         ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 40))
         ->capture_default_str()
         ->type_name("BYTES")

@@ -332,7 +332,7 @@ bool PolicySection::Mentions(const std::string& channel) const
 {
     return std::any_of(rules.begin(), rules.end(), [&](const PolicyRule& rule) {
         const std::optional<StageName> name = ParseStageName(rule.Get("own"));
-        return (name && name->channel == channel) || rule.Get("send_path") == ObjectPath(channel);
+        return (name && name->channel == channel) || rule.Get("send_path") == ObjectPathOf(channel);
     });
 }
 
@@ -345,12 +345,12 @@ PolicyQuestion PolicyQuestion::Own(const std::string& name)
 
 PolicyQuestion PolicyQuestion::Send(const std::string& channel)
 {
-    return {"", "method_call", ObjectPath(channel), ChannelInterface(), "Send"};
+    return {"", "method_call", ObjectPathOf(channel), CHANNEL_INTERFACE, CHANNEL_METHOD};
 }
 
 PolicyQuestion PolicyQuestion::Signal(const std::string& channel)
 {
-    return {"", "signal", ObjectPath(channel), ChannelInterface(), "SendSignal"};
+    return {"", "signal", ObjectPathOf(channel), CHANNEL_INTERFACE, CHANNEL_SIGNAL};
 }
 
 bool BusConfig::Allows(const Identity& identity, const PolicyQuestion& question) const

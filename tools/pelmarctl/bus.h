@@ -1,5 +1,5 @@
-// The program's connection to the bus and what it asks the daemon and others on the bus beside the
-// endpoint. All waiting is the queue's.
+// A connection to the bus, beside that of the endpoint, and what is asked of the daemon and of
+// others on the bus. All waiting is the queue's.
 #ifndef PELMARCTL_BUS_H
 #define PELMARCTL_BUS_H
 
@@ -50,8 +50,8 @@ struct OwnerChange {
 
 class Bus {
 public:
-    // The process's connection, which the endpoint will share. Throws Failure when the bus cannot
-    // be reached. When the bus dies, that comes out of the queue as a Failure.
+    // Throws Failure when the bus cannot be reached. When it dies, that comes out of the queue as a
+    // Failure.
     Bus(EventQueue& queue, std::chrono::milliseconds timeout);
     ~Bus();
     Bus(const Bus&) = delete;
@@ -71,10 +71,6 @@ public:
 
     static BusCall DaemonCall(const std::string& method, GVariant* parameters = nullptr);
 
-    // Returns when the daemon has dealt with all that was sent before. Throws Failure when it does
-    // not say so within the time.
-    void Settle(std::chrono::milliseconds timeout);
-
     std::vector<std::string> Names();
     std::optional<std::string> OwnerOf(const std::string& name);
     Credentials CredentialsOf(const std::string& name);
@@ -87,6 +83,10 @@ public:
     void WatchOwners(std::function<void(const OwnerChange& change)> seen);
 
 private:
+    // Returns when the daemon has dealt with all that was sent before. Throws Failure when it does
+    // not say so within the time.
+    void Settle(std::chrono::milliseconds timeout);
+
     static void cb_OwnerChanged(GDBusConnection* connection, const gchar* sender, const gchar* path,
                                 const gchar* interface, const gchar* signal, GVariant* parameters,
                                 gpointer bus);

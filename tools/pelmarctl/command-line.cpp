@@ -19,8 +19,8 @@ std::optional<std::size_t> ParseCount(const std::string& text)
 
 }  // namespace
 
-const std::vector<std::pair<std::string, PelmarEndpoint::Role>> ROLE_CHOICES = {
-    {"service", PelmarEndpoint::Role::service}, {"client", PelmarEndpoint::Role::client}};
+const std::vector<std::pair<std::string, ChannelRole>> ROLE_CHOICES = {
+    {"service", ChannelRole::service}, {"client", ChannelRole::client}};
 
 CLI::Option* AddCount(CLI::App& command, const std::string& name, std::size_t& value,
                       std::size_t least, std::size_t most, const std::string& description)
@@ -60,7 +60,7 @@ CLI::Option* AddChannel(CLI::App& command, std::string& channel)
         ->check(FaultInChannelName);
 }
 
-void AddRole(CLI::App& command, PelmarEndpoint::Role& role)
+void AddRole(CLI::App& command, ChannelRole& role)
 {
     AddChoice(command, "--role", role, ROLE_CHOICES,
               "Which side to be: service or client (the default)")

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "failure.h"
-#include "pelmar-endpoint.h"
+#include "stage-names.h"
 #include "tool.h"
 
 // What the command line asks for.
@@ -52,10 +52,10 @@ CLI::Option* AddCount(CLI::App& command, const std::string& name, std::size_t& v
 CLI::Option* AddSeconds(CLI::App& command, const std::string& name, std::optional<double>& value,
                         double least, const std::string& description);
 
-extern const std::vector<std::pair<std::string, PelmarEndpoint::Role>> ROLE_CHOICES;
+extern const std::vector<std::pair<std::string, ChannelRole>> ROLE_CHOICES;
 
 // --role.
-void AddRole(CLI::App& command, PelmarEndpoint::Role& role);
+void AddRole(CLI::App& command, ChannelRole& role);
 
 // --format.
 void AddFormat(CLI::App& command, Format& format);

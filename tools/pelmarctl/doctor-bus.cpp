@@ -142,7 +142,8 @@ void CheckMatchRules(Report& report, const Scene& scene)
         if (IsClose(count, limit))
             report.Problem(Exit::failure, "limits",
                            Describe(scene.bus, name) + " has " + OutOf(count, limit) +
-                               " match rules; each partner costs three",
+                               " match rules; each partner costs a plain channel three and an "
+                               "endpoint one",
                            "raise max_match_rules_per_connection in a file in "
                            "/etc/dbus-1/system.d");
     }

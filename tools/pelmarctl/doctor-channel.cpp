@@ -1,7 +1,8 @@
 // doctor: who is on the channel, and how far they have come with each other.
 //
-// A process that has seen its partner's pulse listens to the partner from then on, and the daemon
-// tells which match rules there are, to root: so it shows which stage is missing between two.
+// Who has seen its partner's pulse listens to the partner from then on, or watches for its end, and
+// the daemon tells which match rules there are, to root: so it shows which stage is missing between
+// two.
 
 #include <algorithm>
 
@@ -11,9 +12,7 @@
 
 namespace {
 
-using Role = PelmarEndpoint::Role;
-
-std::set<std::string> MembersOf(const Scene& scene, Role role)
+std::set<std::string> MembersOf(const Scene& scene, ChannelRole role)
 {
     std::set<std::string> members;
     for (const std::string& name : scene.Members()) {
@@ -26,8 +25,8 @@ std::set<std::string> MembersOf(const Scene& scene, Role role)
 std::map<std::string, std::string> HeldNames(const Scene& scene)
 {
     std::map<std::string, std::string> held;
-    for (const Role role : BOTH_ROLES) {
-        for (const std::string& name : StageNames(scene.channel, role).All()) {
+    for (const ChannelRole role : BOTH_ROLES) {
+        for (const std::string& name : StageNamesOf(scene.channel, role)) {
             if (const auto owner = scene.bus.OwnerOf(name))
                 held[name] = *owner;
         }
@@ -45,7 +44,7 @@ void CheckWatcher(Report& report, const Scene& scene, const std::string& name)
 {
     report.Problem(Exit::failure, "object",
                    Describe(scene.bus, name) + " is on the channel but has no object at " +
-                       ObjectPath(scene.channel) + ": calls of it fail",
+                       ObjectPathOf(scene.channel) + ": calls of it fail",
                    "export the object before the first pulse; in one process each channel needs a "
                    "name of its own");
 }
@@ -56,13 +55,21 @@ void CheckObject(Report& report, const Scene& scene, const ChannelObject& object
     const bool takes_part = !scene.rules || scene.rules->Members(scene.channel).count(object.name);
     if (object.state == ObjectState::no_interface)
         report.Problem(Exit::failure, "object",
-                       who + " has something else at " + ObjectPath(scene.channel) + ", without " +
-                           ChannelInterface(),
+                       who + " has something else at " + ObjectPathOf(scene.channel) +
+                           ", without " + CHANNEL_INTERFACE,
                        "let nobody but the channel use this path");
-    else if (object.state == ObjectState::silent)
+    else if (object.state == ObjectState::silent && Contains(scene.survey.silent, object.name))
         report.Problem(Exit::timeout, "object",
-                       who + " does not answer: it is stopped, or its main loop does not run",
-                       "let it run its main loop, or restart it");
+                       who + " does not answer: it is stopped, or the bus does not reach it",
+                       "let it go on, or restart it");
+    else if (object.state == ObjectState::silent)
+        report.Problem(
+            Exit::timeout, "object",
+            who +
+                " does not answer: its main loop does not run, or it is an endpoint "
+                "whose SYN has not shown yet",
+            "let it run its main loop, or restart it; an endpoint goes on when its names "
+            "are free");
     else if (object.state == ObjectState::refused)
         report.Unknown("object", who + "; this user may not ask for its object");
     else if (!takes_part)
@@ -77,13 +84,13 @@ void CheckObject(Report& report, const Scene& scene, const ChannelObject& object
 
 bool IsBothSides(const Scene& scene, const std::string& name)
 {
-    return scene.rules && scene.rules->TakesPart(name, scene.channel, Role::service) &&
-           scene.rules->TakesPart(name, scene.channel, Role::client);
+    return scene.rules && scene.rules->TakesPart(name, scene.channel, ChannelRole::service) &&
+           scene.rules->TakesPart(name, scene.channel, ChannelRole::client);
 }
 
 void CheckSides(Report& report, const Scene& scene)
 {
-    for (const Role role : BOTH_ROLES) {
+    for (const ChannelRole role : BOTH_ROLES) {
         const std::size_t count = MembersOf(scene, role).size();
         if (count == 0)
             report.Problem(Exit::no_partner, "sides",
@@ -96,8 +103,17 @@ void CheckSides(Report& report, const Scene& scene)
     }
 }
 
-void ReportHalf(Report& report, const std::string& seeing, const std::string& blind)
+void ReportHalf(Report& report, const Scene& scene, const std::string& seeing,
+                const std::string& blind)
 {
+    if (scene.rules->IsEndpoint(blind, scene.channel)) {
+        report.Unknown(
+            "handshake",
+            seeing + " has seen " + blind +
+                ", an endpoint that has no match rule for it: it repairs that, unless it "
+                "has another partner already or the bus lets it have no more rules");
+        return;
+    }
     report.Problem(Exit::no_partner, "handshake",
                    "half-way: " + seeing + " has seen " + blind + ", but " + blind +
                        " has not seen the answer of " + seeing + ": the stage SYN_ACK is missing",
@@ -118,9 +134,9 @@ void CheckPair(Report& report, const Scene& scene, const std::optional<MatchRule
     if (service_knows && client_knows)
         report.Good("handshake", service + " and " + client + " have found each other");
     else if (service_knows)
-        ReportHalf(report, service, client);
+        ReportHalf(report, scene, service, client);
     else if (client_knows)
-        ReportHalf(report, client, service);
+        ReportHalf(report, scene, client, service);
     else
         report.Problem(Exit::no_partner, "handshake",
                        service + " and " + client +
@@ -139,7 +155,8 @@ void ReportLoneWire(Report& report, const Scene& scene, const std::string& name,
                            ", which watches no name of the channel: only its SYN came, and nothing "
                            "can follow",
                        "whoever pulses has to watch the other side's names");
-    else
+    // What an endpoint watches it is told of: it was about to take the rule back.
+    else if (!scene.rules->IsEndpoint(name, scene.channel))
         report.Problem(
             Exit::failure, "handshake",
             name + " still takes " + partner +
@@ -205,7 +222,8 @@ void CheckMembers(Report& report, const Scene& scene)
             report.Problem(Exit::failure, "sides",
                            Describe(scene.bus, name) +
                                " is both sides on one connection: they do not find each other",
-                           "put the two sides into processes of their own");
+                           "put the two sides into processes of their own, or let one be a "
+                           "PelmarEndpoint, which has a connection of its own");
     }
     if (members.empty())
         ReportNobody(report, scene);
@@ -227,8 +245,8 @@ void CheckHandshakes(Report& report, const Scene& scene)
     }
     // One that is under way is further now.
     const std::optional<MatchRules> later = MatchRules::Read(scene.bus);
-    for (const std::string& service : MembersOf(scene, Role::service)) {
-        for (const std::string& client : MembersOf(scene, Role::client)) {
+    for (const std::string& service : MembersOf(scene, ChannelRole::service)) {
+        for (const std::string& client : MembersOf(scene, ChannelRole::client)) {
             if (service != client)
                 CheckPair(report, scene, later, service, client);
         }
@@ -236,7 +254,7 @@ void CheckHandshakes(Report& report, const Scene& scene)
     CheckLoneWires(report, scene);
 }
 
-void TakePart(Report& report, Tool& tool, const Scene& scene, Role role)
+void TakePart(Report& report, Tool& tool, const Scene& scene, ChannelRole role)
 {
     std::set<std::string> answers;
     scene.bus.WatchOwners([&](const OwnerChange& change) {
@@ -248,9 +266,11 @@ void TakePart(Report& report, Tool& tool, const Scene& scene, Role role)
     const std::string as = std::string(" as ") + NameOf(role);
     try {
         Session session(tool, scene.channel, role);
+        session.Start();
         const auto is_ready = [&] { return !session.Endpoint().Partners().empty(); };
         if (tool.queue.Wait(is_ready, EventQueue::Clock::now() + tool.Timeout()))
-            report.Good("attempt", "ready with " + session.Endpoint().Partners().front() + as);
+            report.Good("attempt",
+                        "ready with " + session.Endpoint().Partners().front().Name() + as);
         else if (answers.empty())
             report.Problem(Exit::no_partner, "attempt", "nobody answers the SYN of a partner" + as,
                            std::string("start or restart the ") + NameOf(OtherRole(role)));

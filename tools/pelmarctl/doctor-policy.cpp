@@ -35,7 +35,7 @@ bool AnyMentions(const Scene& scene)
 
 void CheckWhoMayBe(Report& report, const Scene& scene)
 {
-    for (const PelmarEndpoint::Role role : BOTH_ROLES) {
+    for (const ChannelRole role : BOTH_ROLES) {
         const auto accounts = WhoMayBe(scene.config, scene.channel, role);
         if (!accounts.empty())
             report.Good("rights", Joined(accounts) + " may be the " + NameOf(role));
@@ -54,7 +54,7 @@ bool IsAllowed(const Scene& scene, const std::string& name, const Identity& iden
 {
     bool any_role_shows = false;
     bool any_allowed = false;
-    for (const PelmarEndpoint::Role role : BOTH_ROLES) {
+    for (const ChannelRole role : BOTH_ROLES) {
         const bool allowed = MayBe(scene.config, identity, scene.channel, role);
         const bool shows = scene.rules && scene.rules->TakesPart(name, scene.channel, role);
         if (shows && !allowed)
@@ -82,7 +82,7 @@ void CheckOwnRights(Report& report, const Scene& scene)
 {
     const Identity self = IdentityOf(geteuid());
     std::vector<std::string> roles;
-    for (const PelmarEndpoint::Role role : BOTH_ROLES) {
+    for (const ChannelRole role : BOTH_ROLES) {
         if (MayBe(scene.config, self, scene.channel, role))
             roles.emplace_back(std::string("the ") + NameOf(role));
     }
@@ -99,8 +99,8 @@ void TryNames(Report& report, const Scene& scene)
 {
     const Identity self = IdentityOf(geteuid());
     const bool knows_files = !scene.config.files.empty();
-    for (const PelmarEndpoint::Role role : BOTH_ROLES) {
-        const bool may = scene.bus.MayOwn(StageNames(scene.channel, role)[Stage::syn]);
+    for (const ChannelRole role : BOTH_ROLES) {
+        const bool may = scene.bus.MayOwn(SynNameOf(scene.channel, role));
         const bool should = MayBe(scene.config, self, scene.channel, role);
         if (knows_files && may != should)
             report.Problem(

@@ -15,7 +15,7 @@ constexpr std::size_t CHECK_WIDTH = 11;
 
 struct DoctorOptions {
     std::string channel;
-    std::optional<PelmarEndpoint::Role> as;
+    std::optional<ChannelRole> as;
 };
 
 std::string Padded(const std::string& text, std::size_t width)

@@ -8,7 +8,7 @@
 
 #include "bus-config.h"
 #include "failure.h"
-#include "pelmar-endpoint.h"
+#include "stage-names.h"
 #include "survey.h"
 #include "tool.h"
 
@@ -63,6 +63,6 @@ void CheckRights(Report& report, const Scene& scene);
 void CheckHeldNames(Report& report, const Scene& scene);
 void CheckMembers(Report& report, const Scene& scene);
 void CheckHandshakes(Report& report, const Scene& scene);
-void TakePart(Report& report, Tool& tool, const Scene& scene, PelmarEndpoint::Role role);
+void TakePart(Report& report, Tool& tool, const Scene& scene, ChannelRole role);
 
 #endif

@@ -20,7 +20,7 @@ std::string Milliseconds(HandshakeLog::Clock::duration time)
     return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " ms";
 }
 
-bool Answers(PelmarEndpoint::Role role, Stage stage, PelmarEndpoint::Role asking, Stage open)
+bool Answers(ChannelRole role, Stage stage, ChannelRole asking, Stage open)
 {
     return role != asking && IndexOf(stage) == IndexOf(open) + 1;
 }

@@ -30,7 +30,7 @@ public:
         Kind kind;
         std::string channel;
         std::string who;
-        PelmarEndpoint::Role role;
+        ChannelRole role;
         Stage stage;
         std::string note;
         std::optional<Clock::duration> gap;  // since the channel's last pulse
@@ -49,7 +49,7 @@ public:
 private:
     struct Pulse {
         std::string who;
-        PelmarEndpoint::Role role;
+        ChannelRole role;
         Stage stage;
         TimePoint time;
     };
@@ -58,7 +58,7 @@ private:
         std::vector<Pulse> open;              // SYNs and SYN_ACKs that are not answered yet
         std::map<std::string, Pulse> latest;  // by stage name
         std::map<std::string, Pulse> held;    // by stage name
-        std::map<std::string, PelmarEndpoint::Role> members;
+        std::map<std::string, ChannelRole> members;
     };
 
     Event SeePulse(const StageName& name, const OwnerChange& change, TimePoint now);

@@ -14,16 +14,15 @@ struct ListOptions {
     std::string channel;
 };
 
-std::optional<PelmarEndpoint::Role> RoleOf(const std::optional<MatchRules>& rules,
-                                           const ChannelObject& object)
+std::optional<ChannelRole> RoleOf(const std::optional<MatchRules>& rules,
+                                  const ChannelObject& object)
 {
     const bool service =
-        rules && rules->TakesPart(object.name, object.channel, PelmarEndpoint::Role::service);
-    const bool client =
-        rules && rules->TakesPart(object.name, object.channel, PelmarEndpoint::Role::client);
+        rules && rules->TakesPart(object.name, object.channel, ChannelRole::service);
+    const bool client = rules && rules->TakesPart(object.name, object.channel, ChannelRole::client);
     if (service == client)
         return std::nullopt;
-    return service ? PelmarEndpoint::Role::service : PelmarEndpoint::Role::client;
+    return service ? ChannelRole::service : ChannelRole::client;
 }
 
 template <typename Value>
@@ -39,7 +38,7 @@ std::string OrDash(const std::string& text)
 
 struct Row {
     const ChannelObject& object;
-    std::optional<PelmarEndpoint::Role> role;
+    std::optional<ChannelRole> role;
     std::string unit;
     std::string command;
 };

@@ -10,7 +10,7 @@ namespace {
 
 struct ListenOptions {
     std::string channel;
-    PelmarEndpoint::Role role = PelmarEndpoint::Role::client;
+    ChannelRole role = ChannelRole::client;
     Format format = Format::automatic;
     std::size_t count = 0;
 };
@@ -32,17 +32,19 @@ Exit Listen(Tool& tool, const ListenOptions& options)
             tool.output.WriteData(data, options.format);
         }
     };
-    PelmarEndpoint::Handlers handlers;
-    handlers.notification = [&](Bytes& data) {
-        tool.queue.Post([&show, taken = std::move(data)] { show(taken); });
-    };
-    handlers.ready = [&](const std::string& partner) {
-        tool.output.Note("listening to " + partner);
-    };
-    handlers.lost = [&](const std::string& partner) { tool.output.Note(partner + " is lost"); };
-    Session session(tool, options.channel, options.role, handlers);
+    Session session(tool, options.channel, options.role);
+    session.Endpoint().OnNotification([&](PelmarEndpoint::Message& message) {
+        tool.queue.Post([&show, data = std::move(message.data)] { show(data); });
+    });
+    session.OnReady([&](const PelmarEndpoint::Partner& partner) {
+        tool.output.Note("listening to " + partner.Name());
+    });
+    session.OnLost([&](const PelmarEndpoint::Partner& partner) {
+        tool.output.Note(partner.Name() + " is lost");
+    });
+    session.Start();
     tool.output.Note("on channel " + options.channel + " as " + NameOf(options.role) + " " +
-                     session.TheBus().UniqueName());
+                     session.Endpoint().Name());
     if (!tool.queue.Wait(is_done, tool.OptionalDeadline()) && options.count != 0)
         throw Failure(Exit::timeout, "only " + std::to_string(seen) + " of " +
                                          Count(options.count, "notification") +

@@ -92,7 +92,7 @@ void AddPayload(CLI::App& command, PayloadOptions& options)
 
 Bytes ReadPayload(const PayloadOptions& options)
 {
-    constexpr std::size_t most = PelmarEndpoint::MAX_MESSAGE_BYTES;
+    constexpr std::size_t most = PelmarEndpoint::MAX_BUS_MESSAGE_BYTES;
     // Hexadecimal with a space after every byte and a little more.
     const std::size_t most_read = options.hex ? 4 * most : most;
     Bytes data = options.text_option->count() > 0 ? Bytes(options.text.begin(), options.text.end())

@@ -21,7 +21,7 @@ struct PingOptions {
     std::optional<double> interval;
     std::size_t size = 64;
     std::string to;
-    PelmarEndpoint::Role role = PelmarEndpoint::Role::client;
+    ChannelRole role = ChannelRole::client;
 };
 
 double Rounded(double milliseconds)
@@ -38,11 +38,12 @@ std::string TimeText(double milliseconds)
 
 class Pinger {
 public:
-    Pinger(Tool& tool, const PingOptions& options)
+    Pinger(Tool& tool, const PingOptions& options, Session& session,
+           PelmarEndpoint::Partner partner)
         : m_tool(tool),
           m_options(options),
-          m_session(tool, options.channel, options.role),
-          m_partner(m_session.AwaitPartners(options.to, false).front()),
+          m_session(session),
+          m_partner(std::move(partner)),
           m_payload(options.size, '\0')
     {
     }
@@ -70,7 +71,7 @@ public:
     {
         return m_times.empty() ? m_failure.status : PelmarEndpoint::Status::ok;
     }
-    const std::string& Partner() const { return m_partner; }
+    const PelmarEndpoint::Partner& Partner() const { return m_partner; }
     const std::string& Error() const { return m_failure.error; }
 
 private:
@@ -96,7 +97,7 @@ private:
         if (m_tool.output.IsJson()) {
             Json record = JsonRecord();
             record["event"] = "round";
-            record["partner"] = m_partner;
+            record["partner"] = m_partner.Name();
             record["sequence"] = m_sent;
             record["status"] = PelmarEndpoint::ToString(response.status);
             if (answered)
@@ -106,7 +107,7 @@ private:
             m_tool.output.Write(record);
             return;
         }
-        const std::string which = m_partner + ": seq=" + std::to_string(m_sent);
+        const std::string which = m_partner.Name() + ": seq=" + std::to_string(m_sent);
         m_tool.output.Write(answered ? Count(response.data.size(), "byte") + " from " + which +
                                            " time=" + TimeText(time) + "\n"
                                      : which + " " + Printable(response.error) + "\n");
@@ -133,7 +134,7 @@ private:
     {
         Json record = JsonRecord();
         record["event"] = "statistics";
-        record["partner"] = m_partner;
+        record["partner"] = m_partner.Name();
         record["size"] = m_payload.size();
         record["sent"] = m_sent;
         record["lost"] = m_sent - m_times.size();
@@ -150,7 +151,7 @@ private:
     std::string StatisticsText() const
     {
         const std::size_t lost = m_sent - m_times.size();
-        std::string text = "--- " + m_options.channel + ", " + m_partner + ": " +
+        std::string text = "--- " + m_options.channel + ", " + m_partner.Name() + ": " +
                            std::to_string(m_sent) + " sent, " + std::to_string(lost) + " lost";
         if (!m_times.empty()) {
             const Statistics statistics = Evaluate();
@@ -163,8 +164,8 @@ private:
 
     Tool& m_tool;
     const PingOptions& m_options;
-    Session m_session;
-    const std::string m_partner;
+    Session& m_session;
+    const PelmarEndpoint::Partner m_partner;
     const Bytes m_payload;
     std::size_t m_sent = 0;
     std::vector<double> m_times;
@@ -173,7 +174,9 @@ private:
 
 Exit Ping(Tool& tool, const PingOptions& options)
 {
-    Pinger pinger(tool, options);
+    Session session(tool, options.channel, options.role);
+    session.Start();
+    Pinger pinger(tool, options, session, session.AwaitPartners(options.to, false).front());
     try {
         pinger.Run();
     } catch (...) {
@@ -198,7 +201,7 @@ void AddPing(CLI::App& app, Command& chosen)
         ->option_text("COUNT");
     AddSeconds(*command, "-i,--interval", options->interval, 0,
                "Seconds between two; by default 1");
-    AddCount(*command, "-s,--size", options->size, 0, PelmarEndpoint::MAX_MESSAGE_BYTES,
+    AddCount(*command, "-s,--size", options->size, 0, PelmarEndpoint::MAX_BUS_MESSAGE_BYTES,
              "Bytes of each message; by default 64")
         ->option_text("BYTES");
     command->add_option("--to", options->to, "The partner of this bus name")->option_text("NAME");

@@ -38,8 +38,7 @@ Identity IdentityOf(const PolicySection& section)
 
 bool NamesPelmar(const std::string& name)
 {
-    const std::string syn = StageNames("", PelmarEndpoint::Role::service)[Stage::syn];
-    const std::string prefix = syn.substr(0, syn.rfind('.'));
+    const std::string prefix = CHANNEL_NAME_PREFIX;
     return name.compare(0, prefix.size(), prefix) == 0;
 }
 
@@ -108,7 +107,7 @@ private:
     void CheckSides()
     {
         bool any_calls = false;
-        for (const PelmarEndpoint::Role role : BOTH_ROLES) {
+        for (const ChannelRole role : BOTH_ROLES) {
             std::set<std::string> seen;
             for (const PolicySection& section : m_config.sections) {
                 if (IsSide(section, role) && seen.insert(section.Who()).second)
@@ -118,22 +117,22 @@ private:
                 ComplainOfNobody(role);
         }
         if (!any_calls)
-            Complain(
-                m_file, "nobody may call Send on channel " + m_channel,
-                "allow send_type=\"method_call\" with send_path=\"" + ObjectPath(m_channel) + "\"");
+            Complain(m_file, "nobody may call Send on channel " + m_channel,
+                     "allow send_type=\"method_call\" with send_path=\"" + ObjectPathOf(m_channel) +
+                         "\"");
     }
 
-    void ComplainOfNobody(PelmarEndpoint::Role role)
+    void ComplainOfNobody(ChannelRole role)
     {
         Complain(m_file,
                  std::string("nobody may be the ") + NameOf(role) + " of channel " + m_channel,
-                 "allow a user or a group to own " + StageNames(m_channel, role)[Stage::syn] +
+                 "allow a user or a group to own " + SynNameOf(m_channel, role) +
                      " and the other two names");
     }
 
-    bool IsSide(const PolicySection& section, PelmarEndpoint::Role role) const
+    bool IsSide(const PolicySection& section, ChannelRole role) const
     {
-        const auto names = StageNames(m_channel, role).All();
+        const auto names = StageNamesOf(m_channel, role);
         return std::any_of(section.rules.begin(), section.rules.end(), [&](const PolicyRule& rule) {
             return rule.allows &&
                    std::find(names.begin(), names.end(), rule.Get("own")) != names.end();
@@ -141,28 +140,27 @@ private:
     }
 
     // Whether it may call Send.
-    bool CheckSide(const PolicySection& section, PelmarEndpoint::Role role)
+    bool CheckSide(const PolicySection& section, ChannelRole role)
     {
         const Identity identity = IdentityOf(section);
         const std::string where = At(section.file, section.line);
         const std::string who = section.Who();
-        for (const std::string& name : StageNames(m_channel, role).All()) {
+        for (const std::string& name : StageNamesOf(m_channel, role)) {
             if (!m_config.Allows(identity, PolicyQuestion::Own(name)))
                 Complain(where, who + " may not own " + name, "allow own=\"" + name + "\" too");
         }
         const bool calls = m_config.Allows(identity, PolicyQuestion::Send(m_channel));
         if (!calls && !m_config.Allows(identity, PolicyQuestion::Signal(m_channel)))
             Complain(where, who + " may send neither messages nor notifications",
-                     "allow Send and SendSignal for send_path=\"" + ObjectPath(m_channel) + "\"");
+                     "allow Send and SendSignal for send_path=\"" + ObjectPathOf(m_channel) + "\"");
         return calls;
     }
 
     void CheckStrangers()
     {
         const Identity stranger{std::nullopt, STRANGER, {}};
-        for (const PelmarEndpoint::Role role : BOTH_ROLES) {
-            if (m_config.Allows(stranger,
-                                PolicyQuestion::Own(StageNames(m_channel, role)[Stage::syn])))
+        for (const ChannelRole role : BOTH_ROLES) {
+            if (m_config.Allows(stranger, PolicyQuestion::Own(SynNameOf(m_channel, role))))
                 Complain(m_file, std::string("everybody may be the ") + NameOf(role),
                          "allow the names in a policy for a user or a group");
         }
@@ -172,7 +170,7 @@ private:
         if (m_config.Allows(stranger, PolicyQuestion::Signal(m_channel)))
             Complain(m_file, "everybody may send the two sides signals",
                      std::string("deny send_type=\"signal\" with send_interface=\"") +
-                         ChannelInterface() + "\" by default, and allow it to the sides");
+                         CHANNEL_INTERFACE + "\" by default, and allow it to the sides");
     }
 
     const BusConfig m_config;
@@ -206,16 +204,16 @@ std::vector<Complaint> UnknownAccounts(const BusConfig& config)
 }
 
 bool MayBe(const BusConfig& config, const Identity& identity, const std::string& channel,
-           PelmarEndpoint::Role role)
+           ChannelRole role)
 {
-    const auto names = StageNames(channel, role).All();
+    const auto names = StageNamesOf(channel, role);
     return std::all_of(names.begin(), names.end(), [&](const std::string& name) {
         return config.Allows(identity, PolicyQuestion::Own(name));
     });
 }
 
 std::vector<std::string> WhoMayBe(const BusConfig& config, const std::string& channel,
-                                  PelmarEndpoint::Role role)
+                                  ChannelRole role)
 {
     if (MayBe(config, {std::nullopt, STRANGER, {}}, channel, role))
         return {"everybody"};

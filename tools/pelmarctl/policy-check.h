@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "bus-config.h"
-#include "pelmar-endpoint.h"
+#include "stage-names.h"
 
 struct Complaint {
     std::string where;  // the file, and the line where there is one
@@ -22,9 +22,9 @@ std::vector<Complaint> UnknownAccounts(const BusConfig& config);
 
 // Those that may be the given side of the channel: "user 'svc'", "everybody".
 std::vector<std::string> WhoMayBe(const BusConfig& config, const std::string& channel,
-                                  PelmarEndpoint::Role role);
+                                  ChannelRole role);
 
 bool MayBe(const BusConfig& config, const Identity& identity, const std::string& channel,
-           PelmarEndpoint::Role role);
+           ChannelRole role);
 
 #endif

@@ -12,17 +12,17 @@ namespace {
 struct SendOptions {
     std::string channel;
     PayloadOptions payload;
-    PelmarEndpoint::Role role = PelmarEndpoint::Role::client;
+    ChannelRole role = ChannelRole::client;
     std::string to;
     bool all = false;
     std::string output;
     Format format = Format::automatic;
 };
 
-Json RecordOf(const std::string& partner, const PelmarEndpoint::Response& response)
+Json RecordOf(const PelmarEndpoint::Partner& partner, const PelmarEndpoint::Response& response)
 {
     Json record = JsonRecord();
-    record["partner"] = partner;
+    record["partner"] = partner.Name();
     record["status"] = PelmarEndpoint::ToString(response.status);
     if (response.status == PelmarEndpoint::Status::ok)
         AddBytes(record, response.data);
@@ -32,7 +32,7 @@ Json RecordOf(const std::string& partner, const PelmarEndpoint::Response& respon
 }
 
 void Show(const Tool& tool, const SendOptions& options, OutputFile& file,
-          const std::string& partner, const PelmarEndpoint::Response& response)
+          const PelmarEndpoint::Partner& partner, const PelmarEndpoint::Response& response)
 {
     if (tool.output.IsJson())
         tool.output.Write(RecordOf(partner, response));
@@ -49,6 +49,7 @@ Exit Send(Tool& tool, const SendOptions& options)
     const Bytes data = ReadPayload(options.payload);
     OutputFile file(options.output);
     Session session(tool, options.channel, options.role);
+    session.Start();
     const auto partners = session.AwaitPartners(options.to, options.all);
     const auto responses = session.Request(data, partners, tool.Timeout());
     for (std::size_t i = 0; i < partners.size(); ++i)
@@ -62,7 +63,7 @@ Exit Send(Tool& tool, const SendOptions& options)
 struct NotifyOptions {
     std::string channel;
     PayloadOptions payload;
-    PelmarEndpoint::Role role = PelmarEndpoint::Role::client;
+    ChannelRole role = ChannelRole::client;
     std::string to;
     bool all = false;
 };
@@ -71,17 +72,18 @@ Exit Notify(Tool& tool, const NotifyOptions& options)
 {
     const Bytes data = ReadPayload(options.payload);
     Session session(tool, options.channel, options.role);
-    for (const std::string& partner : session.AwaitPartners(options.to, options.all)) {
-        Require(session.Endpoint().Notify(data, partner), partner, "");
+    session.Start();
+    for (const auto& partner : session.AwaitPartners(options.to, options.all)) {
+        Require(session.Endpoint().Notify(partner, data), partner, "");
         if (tool.output.IsJson()) {
             Json record = JsonRecord();
-            record["partner"] = partner;
+            record["partner"] = partner.Name();
             record["size"] = data.size();
             tool.output.Write(record);
         }
     }
     // Until now it is on its way.
-    session.TheBus().Settle(tool.Timeout());
+    session.Endpoint().Stop(tool.Timeout());
     return Exit::ok;
 }
 

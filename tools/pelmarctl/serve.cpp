@@ -15,11 +15,11 @@ namespace {
 
 struct ServeOptions {
     std::string channel;
-    PelmarEndpoint::Role role = PelmarEndpoint::Role::service;
+    ChannelRole role = ChannelRole::service;
     bool echo = false;
     std::string exec;
     std::optional<double> exec_timeout;
-    std::size_t exec_max = PelmarEndpoint::MAX_MESSAGE_BYTES;
+    std::size_t exec_max = PelmarEndpoint::MAX_BUS_MESSAGE_BYTES;
     std::size_t jobs = 4;
     Format format = Format::automatic;
 };
@@ -41,13 +41,13 @@ public:
         m_output.Write(record);
     }
 
-    void Partner(const char* event, const std::string& partner) const
+    void Partner(const char* event, const PelmarEndpoint::Partner& partner) const
     {
-        m_output.Note(partner + " is " + event);
+        m_output.Note(partner.Name() + " is " + event);
         if (!m_output.IsJson())
             return;
         Json record = RecordOf(event);
-        record["partner"] = partner;
+        record["partner"] = partner.Name();
         m_output.Write(record);
     }
 
@@ -69,9 +69,9 @@ public:
         m_output.Write(record);
     }
 
-    void NotSent(const std::string& line, const char* reason) const
+    void NotSent(const std::string& line, const std::string& reason) const
     {
-        m_output.Error("'" + Printable(line) + "' was not sent: " + reason);
+        m_output.Error("'" + Printable(line) + "' was not sent" + reason);
     }
 
 private:
@@ -156,28 +156,39 @@ std::unique_ptr<CommandPool> MakePool(Tool& tool, const ServeOptions& options, c
         });
 }
 
-PelmarEndpoint::Handlers MakeHandlers(Tool& tool, const ServeOptions& options, const Events& events,
-                                      CommandPool* pool)
+void SetHandlers(Session& session, Tool& tool, const ServeOptions& options, const Events& events,
+                 CommandPool* pool)
 {
-    const auto arrived = [&](const char* kind, const Bytes& data) {
-        tool.queue.Post([&events, kind, data] { events.Arrived(kind, data); });
+    using Message = PelmarEndpoint::Message;
+    const auto arrived = [&](const char* kind, Message& message) {
+        tool.queue.Post(
+            [&events, kind, data = std::move(message.data)] { events.Arrived(kind, data); });
     };
-    PelmarEndpoint::Handlers handlers;
-    handlers.notification = [arrived](Bytes& data) { arrived("notification", data); };
-    handlers.ready = [&](const std::string& partner) { events.Partner("ready", partner); };
-    handlers.lost = [&](const std::string& partner) { events.Partner("lost", partner); };
+    PelmarEndpoint& endpoint = session.Endpoint();
+    endpoint.OnNotification([arrived](Message& message) { arrived("notification", message); });
+    session.OnReady([&](const auto& partner) { events.Partner("ready", partner); });
+    session.OnLost([&](const auto& partner) { events.Partner("lost", partner); });
     if (pool != nullptr)
-        handlers.deferred_message = [pool](Bytes& data, const PelmarEndpoint::Reply& reply) {
-            pool->Submit(std::move(data), reply);
-        };
+        endpoint.OnDeferredMessage([pool](Message& message, const PelmarEndpoint::Reply& reply) {
+            pool->Submit(std::move(message.data), reply);
+        });
     else if (options.echo)
-        handlers.message = [](Bytes& data) { return std::move(data); };
+        endpoint.OnMessage([](Message& message) { return std::move(message.data); });
     else
-        handlers.message = [arrived](Bytes& data) {
-            arrived("message", data);
+        endpoint.OnMessage([arrived](Message& message) {
+            arrived("message", message);
             return Bytes();
-        };
-    return handlers;
+        });
+}
+
+void NotifyAll(PelmarEndpoint& endpoint, const std::string& line, const Events& events)
+{
+    const auto broadcast = endpoint.NotifyAll(Bytes(line.begin(), line.end()));
+    if (broadcast.sent == 0 && broadcast.missed.empty())
+        events.NotSent(line, ": no partner is ready");
+    for (const PelmarEndpoint::Missed& missed : broadcast.missed)
+        events.NotSent(
+            line, " to " + missed.partner.Name() + ": " + PelmarEndpoint::ToString(missed.status));
 }
 
 Exit Serve(Tool& tool, const ServeOptions& options)
@@ -185,20 +196,14 @@ Exit Serve(Tool& tool, const ServeOptions& options)
     const Events events(tool.output, options.format);
     // The pool before the session: the endpoint hands messages to it until it has stopped.
     const std::unique_ptr<CommandPool> pool = MakePool(tool, options, events);
-    Session session(tool, options.channel, options.role,
-                    MakeHandlers(tool, options, events, pool.get()));
+    Session session(tool, options.channel, options.role);
+    SetHandlers(session, tool, options, events, pool.get());
+    session.Start();
     tool.output.Note("on channel " + options.channel + " as " + NameOf(options.role) + " " +
-                     session.TheBus().UniqueName());
+                     session.Endpoint().Name());
     bool is_over = false;
     const TypedLines lines(
-        tool.queue,
-        [&](const std::string& line) {
-            const auto status = session.Endpoint().Notify(Bytes(line.begin(), line.end()));
-            if (status == PelmarEndpoint::Status::no_such_partner)
-                events.NotSent(line, "no partner is ready");
-            else if (status != PelmarEndpoint::Status::ok)
-                events.NotSent(line, PelmarEndpoint::ToString(status));
-        },
+        tool.queue, [&](const std::string& line) { NotifyAll(session.Endpoint(), line, events); },
         // Who types ends the program so; a service whose input is /dev/null goes on.
         [&] { is_over = isatty(STDIN_FILENO) == 1; });
     tool.queue.Wait([&] { return is_over; }, tool.OptionalDeadline());
@@ -206,8 +211,7 @@ Exit Serve(Tool& tool, const ServeOptions& options)
 }
 
 void AddRoleCommand(CLI::App& app, Command& chosen, const std::string& name,
-                    const std::string& description, const std::string& example,
-                    PelmarEndpoint::Role role)
+                    const std::string& description, const std::string& example, ChannelRole role)
 {
     const auto options = std::make_shared<ServeOptions>();
     options->role = role;
@@ -227,7 +231,7 @@ void AddRoleCommand(CLI::App& app, Command& chosen, const std::string& name,
     AddSeconds(*command, "--exec-timeout", options->exec_timeout, 0.001,
                "How long the command may take; by default 30")
         ->needs(exec);
-    AddCount(*command, "--exec-max", options->exec_max, 0, PelmarEndpoint::MAX_MESSAGE_BYTES,
+    AddCount(*command, "--exec-max", options->exec_max, 0, PelmarEndpoint::MAX_BUS_MESSAGE_BYTES,
              "Bytes that the command may write; by default what fits into a message")
         ->option_text("BYTES")
         ->needs(exec);
@@ -243,11 +247,11 @@ void AddRoleCommand(CLI::App& app, Command& chosen, const std::string& name,
 void AddServe(CLI::App& app, Command& chosen)
 {
     AddRoleCommand(app, chosen, "serve", "Be the service of a channel",
-                   "pelmarctl serve demo --exec sha256sum", PelmarEndpoint::Role::service);
+                   "pelmarctl serve demo --exec sha256sum", ChannelRole::service);
 }
 
 void AddConnect(CLI::App& app, Command& chosen)
 {
     AddRoleCommand(app, chosen, "connect", "Be a client of a channel",
-                   "pelmarctl connect demo --echo", PelmarEndpoint::Role::client);
+                   "pelmarctl connect demo --echo", ChannelRole::client);
 }

@@ -1,11 +1,13 @@
 #include "session.h"
 
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 namespace {
 
 using std::chrono::milliseconds;
+using Partner = PelmarEndpoint::Partner;
 
 // Nobody can say how many partners there are. Those that are there answer one and the same pulse,
 // within this of each other.
@@ -17,6 +19,32 @@ std::string Seconds(milliseconds time)
     const std::size_t last = text.find_last_not_of("0.");
     const std::string brief = text.substr(0, std::max(last + 1, text.find('.')));
     return brief + (brief == "1" ? " second" : " seconds");
+}
+
+PelmarEndpoint::Role EndpointRole(ChannelRole role)
+{
+    return role == ChannelRole::service ? PelmarEndpoint::Role::service
+                                        : PelmarEndpoint::Role::client;
+}
+
+std::string NamesOf(const std::vector<Partner>& partners)
+{
+    std::vector<std::string> names;
+    names.reserve(partners.size());
+    for (const Partner& partner : partners)
+        names.push_back(partner.Name());
+    return Joined(names);
+}
+
+// The endpoint would go on trying: whether a bus answers at all is found out before it starts.
+void RequireBus(Tool& tool)
+{
+    const Bus bus(tool.queue, tool.Timeout());
+}
+
+[[noreturn]] void ThrowBusLost()
+{
+    throw Failure(Exit::bus, "the connection to the bus was lost");
 }
 
 }  // namespace
@@ -42,98 +70,120 @@ Exit ExitOf(PelmarEndpoint::Status status)
         case Status::too_large:
             return Exit::too_large;
         case Status::queue_full:
+        case Status::busy:
         case Status::stopped:
+        case Status::cancelled:
             break;
     }
     return Exit::failure;
 }
 
-void Require(PelmarEndpoint::Status status, const std::string& partner, const std::string& error)
+void Require(PelmarEndpoint::Status status, const Partner& partner, const std::string& error)
 {
     if (status == PelmarEndpoint::Status::ok)
         return;
     const std::string text = PelmarEndpoint::ToString(status);
     const bool says_more = !error.empty() && error != text;
-    throw Failure(ExitOf(status), partner + ": " + text + (says_more ? ": " + error : ""));
+    throw Failure(ExitOf(status), partner.Name() + ": " + text + (says_more ? ": " + error : ""));
 }
 
-Session::Session(Tool& tool, const std::string& channel, Role role,
-                 PelmarEndpoint::Handlers handlers)
-    : m_tool(tool),
-      m_channel(channel),
-      m_role(role),
-      m_bus(tool.queue, tool.Timeout()),
-      m_handlers(handlers)
+Session::Session(Tool& tool, const std::string& channel, ChannelRole role)
+    : m_tool(tool), m_channel(channel), m_role(role), m_endpoint(EndpointRole(role), channel)
 {
-    const auto to_main_thread = [this](void (Session::*function)(const std::string& text)) {
-        return [this, function](const std::string& text) {
-            m_tool.queue.Post([this, function, text] { (this->*function)(text); });
+    const auto post = [this](void (Session::*see)(const Partner&)) {
+        return [this, see](const Partner& partner) {
+            m_tool.queue.Post([this, see, partner] { (this->*see)(partner); });
         };
     };
-    handlers.ready = to_main_thread(&Session::OnReady);
-    handlers.lost = to_main_thread(&Session::OnLost);
-    handlers.problem = to_main_thread(&Session::OnProblem);
-    PelmarEndpoint::Options options;
-    options.role = role;
-    m_endpoint = std::make_unique<PelmarEndpoint>(channel, std::move(handlers), options);
+    m_endpoint.RunHandlersIn(nullptr);
+    m_endpoint.OnReady(post(&Session::SeeReady));
+    m_endpoint.OnLost(post(&Session::SeeLost));
+    m_endpoint.OnBusLost([this] { m_tool.queue.Post(ThrowBusLost); });
+    m_endpoint.OnProblem([this](PelmarEndpoint::Problem problem, const std::string& text) {
+        m_tool.queue.Post([this, problem, text] { SeeProblem(problem, text); });
+    });
 }
 
-void Session::OnReady(const std::string& partner)
+void Session::OnReady(PartnerHandler handler)
+{
+    m_on_ready = std::move(handler);
+}
+
+void Session::OnLost(PartnerHandler handler)
+{
+    m_on_lost = std::move(handler);
+}
+
+void Session::Start()
+{
+    const auto deadline = EventQueue::Clock::now() + m_tool.Timeout();
+    RequireBus(m_tool);
+    m_endpoint.Start();
+    if (!m_tool.queue.Wait([this] { return m_endpoint.IsOnBus(); }, deadline))
+        ThrowBusLost();
+}
+
+void Session::SeeReady(const Partner& partner)
 {
     m_last_ready = EventQueue::Clock::now();
-    m_tool.output.Detail("partner " + partner + " is ready");
-    if (m_handlers.ready)
-        m_handlers.ready(partner);
+    m_tool.output.Detail("partner " + partner.Name() + " is ready");
+    if (m_on_ready)
+        m_on_ready(partner);
 }
 
-void Session::OnLost(const std::string& partner)
+void Session::SeeLost(const Partner& partner)
 {
-    m_tool.output.Detail("partner " + partner + " is lost");
-    if (m_handlers.lost)
-        m_handlers.lost(partner);
+    m_tool.output.Detail("partner " + partner.Name() + " is lost");
+    if (m_on_lost)
+        m_on_lost(partner);
 }
 
-// The endpoint says in words what is wrong. Whether it is the policy, the bus says: to try the name
-// once more changes nothing where it is refused, and is one more repeated pulse where it is not.
-void Session::OnProblem(const std::string& text)
+// A policy that refuses one name of three may do no harm: who has found somebody goes on.
+void Session::SeeProblem(PelmarEndpoint::Problem problem, const std::string& text)
 {
-    const StageNames names(m_channel, m_role);
-    if (m_endpoint->Partners().empty() && !m_bus.MayOwn(names[Stage::syn]))
+    using Problem = PelmarEndpoint::Problem;
+    if (problem == Problem::bus_unreachable)
+        throw Failure(Exit::bus, text);
+    if (problem == Problem::name_refused && m_endpoint.Partners().empty())
         throw Failure(Exit::refused, text);
     m_tool.output.Note(text);
 }
 
-std::vector<std::string> Session::AwaitPartners(const std::string& name, bool all)
+std::vector<Partner> Session::AwaitPartners(const std::string& name, bool all)
 {
     const auto deadline = EventQueue::Clock::now() + m_tool.Timeout();
-    if (!name.empty()) {
-        AwaitNamedPartner(name, deadline);
-        return {name};
-    }
-    std::vector<std::string> partners = AwaitAnyPartners(deadline);
+    if (!name.empty())
+        return {AwaitNamedPartner(name, deadline)};
+    std::vector<Partner> partners = AwaitAnyPartners(deadline);
     if (!all && partners.size() > 1)
         throw Failure(Exit::usage, Count(partners.size(), "partner") + " are ready: " +
-                                       Joined(partners) + "; choose one with --to, or use --all");
+                                       NamesOf(partners) + "; choose one with --to, or use --all");
     return partners;
 }
 
-void Session::AwaitNamedPartner(const std::string& name, EventQueue::Deadline deadline)
+Partner Session::AwaitNamedPartner(const std::string& name, EventQueue::Deadline deadline)
 {
+    Partner named;
     const auto is_ready = [&] {
-        const std::vector<std::string> partners = m_endpoint->Partners();
-        return std::find(partners.begin(), partners.end(), name) != partners.end();
+        const std::vector<Partner> partners = m_endpoint.Partners();
+        const auto found =
+            std::find_if(partners.begin(), partners.end(),
+                         [&](const Partner& partner) { return partner.Name() == name; });
+        if (found != partners.end())
+            named = *found;
+        return found != partners.end();
     };
     if (m_tool.queue.Wait(is_ready, deadline))
-        return;
-    const std::string others = Joined(m_endpoint->Partners());
+        return named;
+    const std::string others = NamesOf(m_endpoint.Partners());
     throw Failure(Exit::no_partner, name + " is no partner on channel " + m_channel + " within " +
                                         Seconds(m_tool.Timeout()) +
                                         "; ready: " + (others.empty() ? "none" : others));
 }
 
-std::vector<std::string> Session::AwaitAnyPartners(EventQueue::Deadline deadline)
+std::vector<Partner> Session::AwaitAnyPartners(EventQueue::Deadline deadline)
 {
-    const auto any = [this] { return !m_endpoint->Partners().empty(); };
+    const auto any = [this] { return !m_endpoint.Partners().empty(); };
     if (!m_tool.queue.Wait(any, deadline))
         throw Failure(Exit::no_partner,
                       std::string("no ") + NameOf(OtherRole(m_role)) + " on channel " + m_channel +
@@ -142,30 +192,33 @@ std::vector<std::string> Session::AwaitAnyPartners(EventQueue::Deadline deadline
     for (auto quiet = EventQueue::Clock::now();;) {
         m_tool.queue.Wait(nobody, quiet + QUIET_TIME);
         if (m_last_ready <= quiet)
-            return m_endpoint->Partners();
+            return m_endpoint.Partners();
         quiet = m_last_ready;
     }
 }
 
 std::vector<Session::Response> Session::Request(const Bytes& data,
-                                                const std::vector<std::string>& partners,
+                                                const std::vector<Partner>& partners,
                                                 milliseconds timeout)
 {
     struct Asked {
         std::vector<Response> responses;
         std::size_t done = 0;
     };
+    // An exception may end the wait before the last response is there.
     const auto asked = std::make_shared<Asked>();
     asked->responses.resize(partners.size());
     for (std::size_t i = 0; i < partners.size(); ++i) {
-        m_endpoint->Request(data, partners[i], timeout,
-                            [asked, i, &queue = m_tool.queue](const Response& response) {
-                                queue.Post([asked, i, response] {
-                                    asked->responses[i] = response;
-                                    ++asked->done;
-                                });
-                            });
+        m_endpoint.Request(partners[i], data, timeout, [asked, i](Response response) {
+            asked->responses[i] = std::move(response);
+            ++asked->done;
+        });
     }
     m_tool.queue.Wait([&] { return asked->done == partners.size(); }, std::nullopt);
+    for (const Response& response : asked->responses) {
+        // It may be told before the end of the bus itself.
+        if (response.status == PelmarEndpoint::Status::bus_gone)
+            ThrowBusLost();
+    }
     return std::move(asked->responses);
 }

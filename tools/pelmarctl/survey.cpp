@@ -35,8 +35,8 @@ std::vector<std::string> ChildrenIn(const Answer& answer)
 // GIO answers this by itself, but in the main loop of the channel.
 BusCall GetAll(const std::string& name, const std::string& channel)
 {
-    return {name, ObjectPath(channel), "org.freedesktop.DBus.Properties", "GetAll",
-            g_variant_new("(s)", ChannelInterface())};
+    return {name, ObjectPathOf(channel), "org.freedesktop.DBus.Properties", "GetAll",
+            g_variant_new("(s)", CHANNEL_INTERFACE)};
 }
 
 ObjectState StateOf(const Answer& answer)
@@ -55,8 +55,8 @@ std::vector<ChannelObject> FindObjects(Bus& bus, const std::set<std::string>& kn
 {
     std::vector<BusCall> calls;
     for (const std::string& name : survey.names)
-        calls.push_back(
-            {name, ObjectRoot(), "org.freedesktop.DBus.Introspectable", "Introspect", nullptr});
+        calls.push_back({name, CHANNEL_OBJECT_ROOT, "org.freedesktop.DBus.Introspectable",
+                         "Introspect", nullptr});
     const std::vector<Answer> answers = bus.CallAll(calls, PATIENCE);
     std::vector<ChannelObject> candidates;
     for (std::size_t i = 0; i < answers.size(); ++i) {
@@ -138,6 +138,11 @@ std::string ValueIn(const MatchRules::Rule& rule, const char* key)
     return found != rule.end() ? found->second : "";
 }
 
+bool IsUniqueName(const std::string& name)
+{
+    return !name.empty() && name.front() == ':';
+}
+
 }  // namespace
 
 std::optional<MatchRules> MatchRules::Read(Bus& bus)
@@ -171,9 +176,9 @@ const std::vector<MatchRules::Rule>& MatchRules::RulesOf(const std::string& name
 }
 
 bool MatchRules::TakesPart(const std::string& name, const std::string& channel,
-                           PelmarEndpoint::Role role) const
+                           ChannelRole role) const
 {
-    const auto watched = StageNames(channel, OtherRole(role)).All();
+    const auto watched = StageNamesOf(channel, OtherRole(role));
     const std::vector<Rule>& rules = RulesOf(name);
     return std::any_of(rules.begin(), rules.end(), [&](const Rule& rule) {
         return std::find(watched.begin(), watched.end(), ValueIn(rule, "arg0")) != watched.end();
@@ -184,7 +189,7 @@ std::set<std::string> MatchRules::Members(const std::string& channel) const
 {
     std::set<std::string> members;
     for (const auto& [name, rules] : m_rules) {
-        for (const PelmarEndpoint::Role role : BOTH_ROLES) {
+        for (const ChannelRole role : BOTH_ROLES) {
             if (TakesPart(name, channel, role))
                 members.insert(name);
         }
@@ -204,14 +209,32 @@ std::set<std::string> MatchRules::ChannelsOf(const std::string& name) const
 
 std::set<std::string> MatchRules::WiredBy(const std::string& name, const std::string& channel) const
 {
+    const bool is_endpoint = IsEndpoint(name, channel);
     std::set<std::string> partners;
     for (const Rule& rule : RulesOf(name)) {
-        const std::string sender = ValueIn(rule, "sender");
-        if (!sender.empty() && sender.front() == ':' &&
-            ValueIn(rule, "path") == ObjectPath(channel))
-            partners.insert(sender);
+        const std::string partner = ValueIn(rule, is_endpoint ? "arg0" : "sender");
+        if (IsUniqueName(partner) &&
+            (is_endpoint || ValueIn(rule, "path") == ObjectPathOf(channel)))
+            partners.insert(partner);
     }
     return partners;
+}
+
+bool MatchRules::IsEndpoint(const std::string& name, const std::string& channel) const
+{
+    std::size_t stages = 0;
+    bool has_partners = false;
+    for (const Rule& rule : RulesOf(name)) {
+        const std::string watched = ValueIn(rule, "arg0");
+        const auto stage = ParseStageName(watched);
+        if (IsUniqueName(watched))
+            has_partners = true;
+        else if (stage && stage->channel == channel)
+            ++stages;
+        else
+            return false;
+    }
+    return stages != 0 && (has_partners || stages < ALL_STAGES.size());
 }
 
 std::size_t MatchRules::CountOf(const std::string& name) const

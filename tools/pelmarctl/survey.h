@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "bus.h"
-#include "pelmar-endpoint.h"
+#include "stage-names.h"
 
 // A channel's object as one process has it.
 enum class ObjectState {
@@ -35,15 +35,19 @@ public:
     // Nothing when the daemon does not tell, or not to this user.
     static std::optional<MatchRules> Read(Bus& bus);
 
-    // Who watches a channel's names as the given role does.
-    bool TakesPart(const std::string& name, const std::string& channel,
-                   PelmarEndpoint::Role role) const;
+    // Who watches a name of the channel's other side. Any one will do: a plain channel watches all
+    // three, an endpoint only those that it waits for.
+    bool TakesPart(const std::string& name, const std::string& channel, ChannelRole role) const;
     std::set<std::string> Members(const std::string& channel) const;
     std::set<std::string> ChannelsOf(const std::string& name) const;
 
-    // Those whose signals it listens to on the channel: that is what it does from the moment when
-    // it has seen the other's pulse.
+    // Those whose pulse it has seen: from that moment a plain channel listens to the other's
+    // signals, and an endpoint watches for the other's end.
     std::set<std::string> WiredBy(const std::string& name, const std::string& channel) const;
+
+    // Whether it shows that it is an endpoint. That has a connection for one channel alone, and
+    // listens to nobody. One that waits for its first client cannot be told from a plain channel.
+    bool IsEndpoint(const std::string& name, const std::string& channel) const;
 
     std::size_t CountOf(const std::string& name) const;
 

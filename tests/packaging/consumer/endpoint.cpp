@@ -20,17 +20,18 @@ int RunService(const std::string& channel)
     std::mutex mutex;
     std::condition_variable changed;
     bool over = false;
-    PelmarEndpoint::Handlers handlers;
-    handlers.message = [](PelmarEndpoint::Bytes& data) {
-        std::cout << "received " << std::string(data.begin(), data.end()) << std::endl;
+    PelmarEndpoint endpoint(PelmarEndpoint::Role::service, channel);
+    endpoint.OnMessage([](const PelmarEndpoint::Message& message) {
+        std::cout << "received " << std::string(message.data.begin(), message.data.end())
+                  << std::endl;
         return BytesOf("thanks");
-    };
-    handlers.lost = [&](const std::string& /*partner*/) {
+    });
+    endpoint.OnLost([&](const PelmarEndpoint::Partner& /*partner*/) {
         const std::lock_guard<std::mutex> lock(mutex);
         over = true;
         changed.notify_all();
-    };
-    const PelmarEndpoint endpoint(channel, handlers);
+    });
+    endpoint.Start();
     std::cout << "listening" << std::endl;
     std::unique_lock<std::mutex> lock(mutex);
     changed.wait(lock, [&over] { return over; });
@@ -40,14 +41,13 @@ int RunService(const std::string& channel)
 int RunClient(const std::string& channel)
 {
     using std::chrono::seconds;
-    PelmarEndpoint::Options options;
-    options.role = PelmarEndpoint::Role::client;
-    PelmarEndpoint endpoint(channel, {}, options);
+    PelmarEndpoint endpoint(PelmarEndpoint::Role::client, channel);
+    endpoint.Start();
     const auto deadline = std::chrono::steady_clock::now() + seconds(20);
     const auto partner = endpoint.WaitForPartner(deadline);
     if (!partner)
         return 1;
-    const auto response = endpoint.Request(BytesOf("hello"), *partner, seconds(20));
+    const auto response = endpoint.Request(*partner, BytesOf("hello"), seconds(20));
     std::cout << "answered " << std::string(response.data.begin(), response.data.end())
               << std::endl;
     return response.status == PelmarEndpoint::Status::ok ? 0 : 1;

@@ -5,7 +5,7 @@
 ################################################################################
 
 # The clone that this file lies in: make BR2_EXTERNAL=.../pelmar/contrib/buildroot
-PELMAR_VERSION = 0.1.0
+PELMAR_VERSION = 0.2.0
 PELMAR_SITE = $(BR2_EXTERNAL_PELMAR_PATH)/../..
 PELMAR_SITE_METHOD = local
 PELMAR_LICENSE = MIT

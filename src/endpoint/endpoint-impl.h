@@ -1,0 +1,396 @@
+// The endpoint's inside: one connection to the bus, the partners on it, and what is on its way.
+// Internal.
+//
+// Whatever comes from the bus is dealt with in GIO's thread, in the order of the bus, as soon as it
+// is read; what the application sends leaves in the thread that sends it. Both, and the timers of
+// the loop's thread, change what is guarded by m_mutex, and none of them waits for anything while
+// holding it. Handlers run elsewhere (handler-queue.h). The connection itself is made and lost in
+// the loop's thread.
+//
+// Functions that begin with "Do" or are listed under "with the mutex held" want the mutex.
+#ifndef PELMAR_ENDPOINT_IMPL_H
+#define PELMAR_ENDPOINT_IMPL_H
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "bus-messages.h"
+#include "channel-names.h"
+#include "deadlines.h"
+#include "event-loop.h"
+#include "handler-queue.h"
+#include "handshake.h"
+#include "partner-window.h"
+#include "pelmar-endpoint.h"
+
+struct PelmarEndpoint::Partner::State {
+    State(std::string of_name, std::uint64_t of_number)
+        : name(std::move(of_name)), number(of_number)
+    {
+    }
+
+    const std::string name;
+    const std::uint64_t number;  // in the order in which they were met
+    std::atomic<bool> ready{false};
+
+    // Written before anybody else sees the partner.
+    std::optional<uid_t> uid;
+    std::optional<pid_t> pid;
+};
+
+class PelmarEndpoint::Impl : public std::enable_shared_from_this<Impl> {
+public:
+    struct Handlers {
+        std::function<Bytes(Message&)> message;
+        std::function<void(Message&, Reply)> deferred_message;
+        std::function<void(Message&)> notification;
+        std::function<void(const Partner&)> ready;
+        std::function<void(const Partner&)> lost;
+        std::function<void(const Partner&)> room;
+        std::function<void()> bus_lost;
+        std::function<void()> bus_back;
+        std::function<void(Problem, const std::string&)> problem;
+    };
+    struct Settings {
+        std::function<void(std::function<void()>)> executor;
+        std::shared_ptr<GMainContext> context;
+        std::size_t window = 8UL * 1024 * 1024;
+        std::size_t intake = 64UL * 1024 * 1024;
+        std::string address;  // empty: the system bus
+        bool direct_path = true;
+        bool exit_when_bus_dies = false;
+    };
+
+    Impl(Role role, const std::string& channel);
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+
+    // Throw std::logic_error after Start.
+    Handlers& SettableHandlers();
+    Settings& SettableSettings();
+
+    void Start();
+    bool Stop(std::chrono::milliseconds flush);
+    bool IsOnBus() const;
+    std::string Name() const;
+    std::vector<Partner> Partners() const;
+    std::optional<Partner> WaitForPartner(std::chrono::steady_clock::time_point deadline) const;
+    Status Notify(const Partner& partner, Bytes data);
+    Broadcast NotifyAll(Bytes data);
+    Response Request(const Partner& partner, Bytes data, std::chrono::milliseconds timeout);
+    Call Request(const Partner& partner, Bytes data, std::chrono::milliseconds timeout,
+                 std::function<void(Response)> done);
+
+    struct Peer;
+    struct OpenRequest;
+    class MessageTask;
+    class DoneTask;
+
+    // For replies and calls that the application holds.
+    void Send(Reply::State& reply, Bytes data);
+    void Fail(Reply::State& reply, const std::string& text);
+    bool IsWanted(const Reply::State& reply) const;
+    void Cancel(const std::shared_ptr<OpenRequest>& request);
+
+private:
+    using Lock = std::unique_lock<std::mutex>;
+    using Clock = Deadlines::Clock;
+    using Connection = GObjectPtr<GDBusConnection>;
+    using OnAnswer = std::function<void(GDBusMessage* answer)>;
+    using PeerPtr = std::shared_ptr<Peer>;
+    using RequestPtr = std::shared_ptr<OpenRequest>;
+
+    void AbandonReplies();
+
+    // The life of the endpoint (endpoint-life.cpp), in the loop's thread.
+    void Connect();
+    void ConnectTo(const std::string& address);
+    static void cb_Connected(GObject* source, GAsyncResult* result, gpointer user_data);
+    void ConnectionMade(Connection connection);
+    void ConnectionFailed(const std::string& reason);
+    void FirstTryIsOver();
+    static void cb_Closed(GDBusConnection* connection, gboolean by_peer, GError* error,
+                          gpointer user_data);
+    void ConnectionClosed();
+    void ReleaseConnection();
+    void Shutdown();
+    void RunDueDeadlines();
+    void RearmTimer();
+    void Flush(Lock& lock, std::chrono::milliseconds patience);
+    std::vector<RequestPtr> AllOpenRequests() const;
+
+    // With the mutex held.
+    void LeaveBus(Status status);
+    Deadlines::Id At(Clock::time_point time, Deadlines::Task task);
+    Deadlines::Id After(std::chrono::milliseconds delay, Deadlines::Task task);
+    // `subject` is what has the problem where several may.
+    void Report(Problem problem, const std::string& text, const std::string& subject = "");
+    void ReportOver(Problem problem, const std::string& subject = "");
+    void Post(HandlerQueue::Task task);
+    template <typename... Parameters, typename... Arguments>
+    void Tell(const char* name, const std::function<void(Parameters...)>& handler,
+              Arguments... arguments);
+
+    // What comes from the bus (endpoint-bus.cpp).
+    static GDBusMessage* cb_Message(GDBusConnection* connection, GDBusMessage* message,
+                                    gboolean incoming, gpointer user_data);
+    bool TakeMessage(GDBusConnection* connection, GDBusMessage* message);
+    bool TakeSignal(GDBusMessage* signal);
+    bool TakeCall(GDBusMessage* call);
+    bool TakeAnswer(GDBusMessage* answer);
+    void TakeQuestion(GDBusMessage* question);
+    void OwnerChanged(GDBusMessage* signal);
+
+    // The handshake and its repair, with the mutex held.
+    void ListenTo(Stage stage, bool is_first_try);
+    void Carry(const Handshake::Actions& actions);
+    void Pulse(Stage stage);
+    void PulseEnded(Stage stage, bool refused, bool shown);
+    void RetryPulse(Stage stage);
+    void LookForHolder(Stage stage);
+    void Meet(const std::string& name);
+    void LearnCredentials(const PeerPtr& peer);
+    void CredentialsCame(const PeerPtr& peer, GDBusMessage* answer);
+    void Ask(const std::string& name);
+    void SetTimer(const std::string& name, std::chrono::milliseconds delay);
+    void TellReady(const std::string& name);
+    void TellLost(const std::string& name);
+    void EndPeer(const std::string& name);
+    void Forget(Peer& peer);
+    void AnswerStrangers();
+    void RuleRefused(GDBusMessage* answer);
+    void PollNames();
+    void EndPeersNotIn(GDBusMessage* names);
+
+    // Traffic in (endpoint-traffic.cpp), with the mutex held.
+    void TrafficCame(GDBusMessage* message);
+    bool TakeIn(Peer& peer, std::size_t cost);
+    void LetGo(Peer& peer, std::size_t cost);
+    void Deliver(const PeerPtr& peer, MessagePtr message);
+    void DeliverHeld(const PeerPtr& peer);
+    void RefuseCall(const PeerPtr& peer, const bus_message::CallId& call, const char* error,
+                    const std::string& text);
+    void AnswerQuestion(const bus_message::CallId& question);
+    void RefuseQuestion(const bus_message::CallId& question);
+    void AnswerQuestions(Peer& peer);
+    void ForgetIdleStrangers();
+    bool TakeReply(Reply::State& reply);
+
+    // In the handlers' thread.
+    void HandleMessage(const PeerPtr& peer, MessagePtr message);
+    void HandleCall(const PeerPtr& peer, MessagePtr message);
+    void KeepOpen(const Reply& reply);
+    void Handled(const PeerPtr& peer, std::size_t cost);
+
+    // Traffic out, with the mutex held.
+    PeerPtr FindPeer(const Partner& partner) const;
+    PeerPtr FindPeer(const std::string& name) const;
+    PeerPtr PeerNamed(const std::string& name);
+    Status Admit(const Partner& partner, std::size_t size, PeerPtr& peer) const;
+    RequestPtr OpenNewRequest(const Partner& partner, std::size_t size, VariantPtr body,
+                              Status& status);
+    void Finish(const RequestPtr& request, Status status, const std::string& error,
+                MessagePtr answer);
+    void RequestAnswered(const RequestPtr& request, GDBusMessage* answer);
+    void FinishAll(Peer& peer, Status status);
+    void Pump(const PeerPtr& peer);
+    void PumpBacklog();
+    void Leave(const PeerPtr& peer, const PartnerWindow::Item& item);
+    bool MayCall(const Peer& peer) const;
+    bool MayAsk() const;
+    void AskForRoom(const PeerPtr& peer);
+    void AskLater(const PeerPtr& peer);
+    void AskPeer(const PeerPtr& peer);
+    void PeerAnswered(const PeerPtr& peer, std::uint64_t position, GDBusMessage* answer);
+    void NotificationRefused(const PeerPtr& peer, GDBusMessage* error);
+    void ForgetDealtWith(Peer& peer);
+    void AfterProgress(const PeerPtr& peer);
+    void AnswerWith(const PeerPtr& peer, const bus_message::CallId& call, MessagePtr message);
+
+    // What is sent, with the mutex held.
+    guint32 SendNow(GDBusMessage* message);
+    void CallDaemon(const char* method, GVariant* parameters, OnAnswer on_answer);
+    void TellDaemon(const char* method, GVariant* parameters);
+    bool DaemonHasRoom() const;
+    void ConfirmDaemon();
+    void DaemonHasTaken(std::uint64_t given);
+
+    // Constant after Start.
+    const Role m_role;
+    const std::string m_channel;
+    const ChannelStageNames m_own_names;
+    const ChannelStageNames m_peer_names;
+    const std::string m_object_path;
+    Handlers m_handlers;
+    Settings m_settings;
+    std::shared_ptr<HandlerQueue> m_queue;
+
+    // Owned by the loop's thread.
+    GObjectPtr<GCancellable> m_connecting;
+    std::unique_ptr<LoopTimer> m_connect_timer;
+    std::chrono::milliseconds m_reconnect_delay;
+    Clock::time_point m_off_bus_since;
+    guint m_filter = 0;
+    guint m_object = 0;
+    gulong m_closed_handler = 0;
+    std::unique_ptr<LoopTimer> m_timer;
+
+    // Guarded by m_mutex.
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_changed;
+    bool m_started = false;
+    bool m_first_try_over = false;
+    bool m_was_off_bus = false;
+    bool m_stopped = false;
+    bool m_stop_ended = false;
+    std::unique_ptr<EventLoop> m_loop;
+    Deadlines m_deadlines;
+    std::optional<Clock::time_point> m_armed_for;
+    std::deque<HandlerQueue::Task> m_owed;  // what is told when the endpoint has stopped
+    std::set<std::pair<Problem, std::string>> m_reported;
+
+    // The stay on one bus; null, and empty, while there is none.
+    Connection m_connection;
+    Connection m_left;  // the one that is to be released
+    bool m_is_closed = false;
+    std::uint64_t m_session = 0;
+    std::string m_name;
+    std::optional<Handshake> m_handshake;
+    std::unordered_map<std::string, PeerPtr> m_peers;
+    std::vector<PeerPtr> m_ready;  // in that order
+    std::unordered_map<guint32, OnAnswer> m_calls;
+    std::vector<bus_message::CallId> m_strangers_questions;
+    bool m_rules_are_short = false;
+
+    struct OwnPulse {
+        int attempts = 0;
+        bool refused = false;
+        std::optional<Clock::time_point> missing_since;
+        std::string holder;
+        int holder_seen = 0;
+    };
+    std::array<OwnPulse, ALL_STAGES.size()> m_pulses;
+    std::minstd_rand m_random;
+
+    std::vector<std::weak_ptr<Reply::State>> m_open_replies;
+    std::size_t m_open_replies_limit = 16;
+    std::size_t m_intake = 0;
+    std::size_t m_open_requests = 0;
+    std::size_t m_open_questions = 0;
+    const std::shared_ptr<Transit> m_transit = std::make_shared<Transit>();
+    std::deque<std::weak_ptr<Peer>> m_backlog;
+
+    // Bytes given to GIO, those that the daemon has taken for sure, and up to where it is asked.
+    std::uint64_t m_given = 0;
+    std::uint64_t m_taken = 0;
+    bool m_confirming = false;
+};
+
+// What an endpoint keeps of one name on the bus: a partner, or a stranger that calls.
+struct PelmarEndpoint::Impl::Peer {
+    Peer(std::shared_ptr<Partner::State> state, const Settings& settings,
+         const std::shared_ptr<Transit>& transit)
+        : partner(std::move(state)), window(settings.window, settings.intake, transit)
+    {
+    }
+    const std::string& Name() const { return partner->name; }
+
+    const std::shared_ptr<Partner::State> partner;
+    PartnerWindow window;
+    bool gone = false;
+    bool has_credentials = false;
+    bool is_asked_who = false;
+    bool is_watched = false;  // its end is reported by the bus
+    Deadlines::Id timer = 0;
+
+    // The question: one at a time.
+    bool asking = false;
+    bool ask_again = false;
+    bool is_unaskable = false;
+    bool asks_later = false;
+
+    // In: messages that may not be told yet; and how far the handlers have come.
+    std::deque<MessagePtr> held;
+    std::size_t waiting = 0;
+    std::uint64_t accepted = 0;
+    std::uint64_t handled = 0;
+    std::size_t unanswered = 0;
+    std::deque<std::pair<std::uint64_t, bus_message::CallId>> questions;
+
+    // Out.
+    std::uint64_t given = 0;  // up to where in what was given to the daemon
+    std::size_t open_requests = 0;
+    std::set<std::shared_ptr<OpenRequest>> requests;
+    std::deque<std::pair<std::uint64_t, guint32>>
+        notified;  // position and serial, until dealt with
+    bool in_backlog = false;
+};
+
+struct OutgoingBody : Outgoing {
+    OutgoingBody(Kind of_kind, std::size_t size, VariantPtr of_body)
+        : Outgoing(of_kind, size), body(std::move(of_body))
+    {
+    }
+    VariantPtr body;
+};
+
+struct OutgoingAnswer : Outgoing {
+    explicit OutgoingAnswer(MessagePtr answer)
+        : Outgoing(Kind::answer, bus_message::BodySize(answer.get())), message(std::move(answer))
+    {
+    }
+    MessagePtr message;
+};
+
+// One request, from the call until nothing more can come of it. Guarded by the endpoint's mutex.
+struct PelmarEndpoint::Impl::OpenRequest : OutgoingBody {
+    using OutgoingBody::OutgoingBody;
+
+    Response TakeResponse();
+
+    std::weak_ptr<Peer> peer;
+    std::function<void(Response)> done;  // empty: a thread waits for it
+    std::condition_variable told;
+    Deadlines::Id deadline = 0;
+    bool sent = false;
+
+    // What came of it; constant once `over` is true.
+    bool over = false;
+    Status status = Status::ok;
+    std::string error;
+    MessagePtr answer;
+};
+
+struct PelmarEndpoint::Reply::State {
+    State(std::weak_ptr<Impl> of_impl, std::shared_ptr<Impl::Peer> of_peer,
+          bus_message::CallId of_call)
+        : impl(std::move(of_impl)), peer(std::move(of_peer)), call(std::move(of_call))
+    {
+    }
+    ~State();
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+
+    const std::weak_ptr<Impl> impl;
+    const std::shared_ptr<Impl::Peer> peer;
+    const bus_message::CallId call;
+    bool answered = false;  // guarded by the endpoint's mutex
+};
+
+struct PelmarEndpoint::Call::State {
+    std::weak_ptr<Impl> impl;
+    std::shared_ptr<Impl::OpenRequest> request;
+};
+
+#endif

@@ -1,0 +1,132 @@
+#include "handler-queue.h"
+
+#include <utility>
+
+#include "quiet-thread.h"
+
+namespace {
+
+// The queues of which the thread runs a task, from the innermost.
+struct Inside {
+    const HandlerQueue* queue;
+    const Inside* outer;
+};
+thread_local const Inside* t_inside = nullptr;
+
+}  // namespace
+
+HandlerQueue::~HandlerQueue()
+{
+    if (m_thread.joinable())
+        m_thread.detach();
+}
+
+void HandlerQueue::Open()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_open = true;
+    if (!m_executor)
+        m_thread =
+            QuietThread("pelmar-handler", [self = shared_from_this()] { self->RunInThread(); });
+    else if (!m_tasks.empty())
+        Schedule();
+}
+
+void HandlerQueue::Post(Task task)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_closed) {
+        lock.unlock();
+        task->Abandon();
+        return;
+    }
+    m_tasks.push_back(std::move(task));
+    if (!m_open)
+        return;
+    if (m_executor)
+        Schedule();
+    else if (!m_running)
+        m_changed.notify_all();
+}
+
+// With the lock held: an executor hands on and does not call.
+void HandlerQueue::Schedule()
+{
+    if (std::exchange(m_scheduled, true))
+        return;
+    m_executor([self = shared_from_this()] { self->RunOne(); });
+}
+
+void HandlerQueue::RunInThread()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (true) {
+        m_changed.wait(lock, [this] { return m_closed || !m_tasks.empty(); });
+        if (m_closed)
+            return;
+        Task task = std::move(m_tasks.front());
+        m_tasks.pop_front();
+        m_running = true;
+        lock.unlock();
+        RunInside(*task);
+        task.reset();
+        lock.lock();
+        m_running = false;
+        if (m_closed)
+            m_changed.notify_all();
+    }
+}
+
+void HandlerQueue::RunOne()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_closed || m_tasks.empty()) {
+        m_scheduled = false;
+        return;
+    }
+    Task task = std::move(m_tasks.front());
+    m_tasks.pop_front();
+    m_running = true;
+    lock.unlock();
+    RunInside(*task);
+    task.reset();
+    lock.lock();
+    m_running = false;
+    m_scheduled = false;
+    if (m_closed)
+        m_changed.notify_all();
+    else if (!m_tasks.empty())
+        Schedule();
+}
+
+void HandlerQueue::RunInside(HandlerTask& task) const
+{
+    const Inside inside{this, t_inside};
+    t_inside = &inside;
+    task.Run();
+    t_inside = inside.outer;
+}
+
+bool HandlerQueue::IsInside() const
+{
+    for (const Inside* inside = t_inside; inside != nullptr; inside = inside->outer) {
+        if (inside->queue == this)
+            return true;
+    }
+    return false;
+}
+
+void HandlerQueue::Close()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_closed = true;
+    m_changed.notify_all();
+    m_changed.wait(lock, [this] { return !m_running; });
+    std::deque<Task> left = std::move(m_tasks);
+    std::thread thread = std::move(m_thread);
+    lock.unlock();
+    if (thread.joinable())
+        thread.join();
+    for (const Task& task : left)
+        task->Abandon();
+}

@@ -1,0 +1,1021 @@
+#include "handshake-world.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <iostream>
+
+namespace handshakes {
+
+namespace {
+
+using Kind = Handshake::Action::Kind;
+using Event = Machines::Event;
+
+// Whoever holds a name without being a participant.
+constexpr std::size_t HOLDER = 7;
+
+enum class Request : std::uint8_t {
+    listen,
+    unlisten,
+    acquire,
+    release,
+    meet,
+    question,
+    answer,
+    notification,
+    goodbye
+};
+
+template <typename Item>
+std::uint8_t Pack(Item kind, std::size_t about)
+{
+    return static_cast<std::uint8_t>(static_cast<unsigned>(kind) << 3U | about);
+}
+
+template <typename Item>
+std::uint8_t Pack(Item kind, Stage stage)
+{
+    return Pack(kind, IndexOf(stage));
+}
+
+template <typename Item>
+Item KindOf(std::uint8_t item)
+{
+    return static_cast<Item>(item >> 3U);
+}
+
+std::size_t AboutOf(std::uint8_t item)
+{
+    return item & 7U;
+}
+
+Stage StageOf(std::uint8_t item)
+{
+    return ALL_STAGES[AboutOf(item)];
+}
+
+Event PulseOf(std::size_t stage)
+{
+    return static_cast<Event>(static_cast<std::size_t>(Event::pulse_seen) + stage);
+}
+
+bool IsPulse(Event event)
+{
+    return event >= Event::pulse_seen && event <= Event::pulse_seen_last;
+}
+
+Stage PulsedStage(Event event)
+{
+    return ALL_STAGES[static_cast<std::size_t>(event) -
+                      static_cast<std::size_t>(Event::pulse_seen)];
+}
+
+bool Has(unsigned set, std::size_t member)
+{
+    return (set >> member & 1U) != 0;
+}
+
+void Add(std::uint8_t& set, std::size_t member)
+{
+    set = static_cast<std::uint8_t>(set | 1U << member);
+}
+
+void Remove(std::uint8_t& set, std::size_t member)
+{
+    set = static_cast<std::uint8_t>(set & ~(1U << member));
+}
+
+std::string BusNameOf(std::size_t process)
+{
+    return std::string(1, static_cast<char>('a' + process));
+}
+
+std::size_t ProcessOf(const std::string& bus_name)
+{
+    return static_cast<std::size_t>(bus_name[0] - 'a');
+}
+
+std::size_t StageNameOf(ChannelRole role, std::size_t stage)
+{
+    return (role == ChannelRole::service ? 0 : ALL_STAGES.size()) + stage;
+}
+
+const char* TextOf(Stage stage)
+{
+    constexpr std::array<const char*, ALL_STAGES.size()> texts = {"SYN", "SYN_ACK", "ACK"};
+    return texts[IndexOf(stage)];
+}
+
+bool IsReplyToPulse(Kind kind)
+{
+    return kind == Kind::pulse || kind == Kind::retry || kind == Kind::retry_refused ||
+           kind == Kind::stop_listening;
+}
+
+}  // namespace
+
+// ---- Queue ---------------------------------------------------------------------------------
+
+void Queue::Push(std::uint8_t item)
+{
+    if (size == LONGEST) {
+        std::cerr << "a queue of the explorer is too short\n";
+        std::abort();
+    }
+    items[size++] = item;
+}
+
+std::uint8_t Queue::Pop()
+{
+    const std::uint8_t item = items[0];
+    std::copy(items.begin() + 1, items.begin() + size, items.begin());
+    items[--size] = 0;
+    return item;
+}
+
+void Queue::Clear()
+{
+    *this = Queue();
+}
+
+// ---- Machines ------------------------------------------------------------------------------
+
+std::uint32_t Machines::IdOf(const Handshake& machine)
+{
+    const auto [entry, is_new] =
+        m_ids.try_emplace(machine.Fingerprint(), static_cast<std::uint32_t>(m_machines.size()));
+    if (is_new)
+        m_machines.push_back(machine);
+    return entry->second;
+}
+
+const Machines::Outcome& Machines::After(std::uint32_t machine, Event event, std::uint8_t about)
+{
+    const std::uint64_t key = static_cast<std::uint64_t>(machine) << 16U |
+                              static_cast<std::uint64_t>(event) << 8U | about;
+    const auto [entry, is_new] = m_outcomes.try_emplace(key);
+    if (!is_new)
+        return entry->second;
+
+    Handshake copy = m_machines[machine];
+    const std::string partner = BusNameOf(about);
+    const Stage stage = ALL_STAGES[about % ALL_STAGES.size()];
+    Handshake::Actions actions;
+    switch (event) {
+        case Event::announce:
+            actions = copy.Announce();
+            break;
+        case Event::shown:
+            actions = copy.PulseEnded(stage, Handshake::PulseResult::shown);
+            break;
+        case Event::missed:
+            actions = copy.PulseEnded(stage, Handshake::PulseResult::missed);
+            break;
+        case Event::retry:
+            actions = copy.Retry(stage);
+            break;
+        case Event::met:
+            actions = copy.Met(partner);
+            break;
+        case Event::gone:
+            actions = copy.Gone(partner);
+            break;
+        case Event::answered_yes:
+            actions = copy.Answered(partner, Handshake::Answer::yes);
+            break;
+        case Event::answered_never:
+            actions = copy.Answered(partner, Handshake::Answer::never);
+            break;
+        case Event::answered_not_now:
+            actions = copy.Answered(partner, Handshake::Answer::not_now);
+            break;
+        case Event::time_over:
+            actions = copy.TimeOver(partner);
+            break;
+        case Event::asked:
+            actions = copy.Asked(partner);
+            break;
+        case Event::traffic:
+            actions = copy.TrafficCame(partner);
+            break;
+        default:
+            actions = copy.PulseSeen(PulsedStage(event), partner);
+    }
+    entry->second.machine = IdOf(copy);
+    for (const Handshake::Action& action : actions) {
+        const bool is_about_stage = IsReplyToPulse(action.kind) || action.partner.empty();
+        entry->second.effects.push_back(
+            {action.kind, static_cast<std::uint8_t>(is_about_stage ? IndexOf(action.stage)
+                                                                   : ProcessOf(action.partner))});
+    }
+    return entry->second;
+}
+
+// ---- What may come next --------------------------------------------------------------------
+
+Bus::Bus(Plan plan) : m_plan(std::move(plan)) {}
+
+World Bus::Beginning() const
+{
+    return {};
+}
+
+bool Bus::IsEndpoint(std::size_t process) const
+{
+    return m_plan.processes[process].make == Make::endpoint;
+}
+
+// Participants that are alike start in their order: any other order is the same with other names.
+bool Bus::MayStart(const World& world, std::size_t process) const
+{
+    const ProcessPlan& plan = m_plan.processes[process];
+    if (world.processes[process].life != Life::unborn)
+        return false;
+    if (plan.successor_of >= 0) {
+        const Process& before = world.processes[static_cast<std::size_t>(plan.successor_of)];
+        return before.life == Life::crashed && (m_plan.overlaps || before.connected == 0);
+    }
+    if (!m_plan.reduced)
+        return true;
+    for (std::size_t other = 0; other < process; ++other) {
+        const ProcessPlan& before = m_plan.processes[other];
+        if (before.role == plan.role && before.make == plan.make && before.successor_of < 0 &&
+            before.may_crash == plan.may_crash && world.processes[other].life == Life::unborn)
+            return false;
+    }
+    return true;
+}
+
+bool Bus::HasRivals(const World& world, std::size_t process) const
+{
+    for (std::size_t other = 0; other < m_plan.processes.size(); ++other) {
+        const Process& rival = world.processes[other];
+        if (other != process && m_plan.processes[other].role == m_plan.processes[process].role &&
+            (rival.connected != 0 || rival.life == Life::unborn))
+            return true;
+    }
+    return false;
+}
+
+bool Bus::MayNotify(const World& world, std::size_t from, std::size_t to) const
+{
+    const Process& sender = world.processes[from];
+    return m_plan.traffic && sender.life == Life::running && sender.pulsing == 0 &&
+           Has(sender.told_ready, to) && !Has(sender.told_lost, to) && !Has(sender.notified, to);
+}
+
+void Bus::AddTimers(const World& world, std::size_t process, std::vector<Step>& steps) const
+{
+    const auto index = static_cast<std::uint8_t>(process);
+    for (std::uint8_t stage = 0; stage < ALL_STAGES.size(); ++stage) {
+        if (Has(world.processes[process].retries, stage))
+            steps.push_back({Step::Kind::retry, index, stage});
+    }
+    for (std::uint8_t partner = 0; partner < 8; ++partner) {
+        if (Has(world.processes[process].timers, partner) && !IsPatient(world, process, partner))
+            steps.push_back({Step::Kind::time_over, index, partner});
+    }
+}
+
+// Where only patience says that a partner is there, it lasts longer than news of its end take.
+bool Bus::IsPatient(const World& world, std::size_t process, std::size_t partner) const
+{
+    return m_plan.questions_refused && partner < m_plan.processes.size() &&
+           world.processes[partner].life == Life::crashed &&
+           (Has(world.processes[process].watches, partner) ||
+            !world.processes[process].from_bus.empty());
+}
+
+// What a process may do without the bus.
+bool Bus::AddLocalSteps(const World& world, std::size_t process, std::vector<Step>& steps) const
+{
+    const auto index = static_cast<std::uint8_t>(process);
+    const Process& here = world.processes[process];
+    if (here.life != Life::running)
+        return false;
+    const bool takes = !here.from_bus.empty() && here.pulsing == 0;
+    if (takes)
+        steps.push_back({Step::Kind::take, index});
+    AddTimers(world, process, steps);
+    for (std::uint8_t partner = 0; partner < m_plan.processes.size(); ++partner) {
+        if (MayNotify(world, process, partner))
+            steps.push_back({Step::Kind::notify, index, partner});
+    }
+    if (m_plan.announces_again && IsEndpoint(process) && here.announced_again == 0)
+        steps.push_back({Step::Kind::announce_again, index});
+    if (m_plan.processes[process].may_crash && world.crashed == 0)
+        steps.push_back({Step::Kind::crash, index});
+    return takes;
+}
+
+// Where nobody disturbs, pulses do not overlap and timers run out last.
+bool Bus::FindCalmStep(const World& world, Step& step) const
+{
+    const std::size_t count = m_plan.processes.size();
+    for (std::uint8_t process = 0; process < count; ++process) {
+        step = {Step::Kind::start, process};
+        if (MayStart(world, process))
+            return true;
+    }
+    for (std::uint8_t name = 0; name < STAGE_NAMES; ++name) {
+        const std::uint8_t owner = world.owners[name];
+        if (owner == 1 + HOLDER)
+            step = {Step::Kind::unhold, 0, name};
+        else
+            step = {Step::Kind::bus, static_cast<std::uint8_t>(owner - 1)};
+        if (owner != 0)
+            return true;
+    }
+    for (std::uint8_t process = 0; process < count; ++process) {
+        const Process& here = world.processes[process];
+        step = {Step::Kind::take, process};
+        if (here.life == Life::running && here.pulsing == 0 && !here.from_bus.empty())
+            return true;
+    }
+    for (std::uint8_t process = 0; process < count; ++process) {
+        step = {Step::Kind::bus, process};
+        if (!world.processes[process].to_bus.empty())
+            return true;
+    }
+    std::vector<Step> timers;
+    for (std::size_t process = 0; process < count && timers.empty(); ++process)
+        AddTimers(world, process, timers);
+    if (!timers.empty())
+        step = timers.front();
+    return !timers.empty();
+}
+
+bool Bus::IsAboutToWireUp(const World& world, std::size_t process) const
+{
+    const Process& here = world.processes[process];
+    const std::uint8_t item = here.from_bus.items[0];
+    const std::size_t partner = AboutOf(item);
+    return !here.from_bus.empty() && IsPulse(KindOf<Event>(item)) && partner != HOLDER &&
+           !Has(here.wired, partner) && (IsEndpoint(partner) || m_plan.plain_is_judged);
+}
+
+bool Bus::StepsFrom(const World& world, std::vector<Step>& steps)
+{
+    steps.clear();
+    const std::size_t count = m_plan.processes.size();
+    // What a process does with the event at hand does not depend on what others do meanwhile, and
+    // nobody sees it before the bus has taken what it sends; but whether a plain channel has wired
+    // an endpoint up is looked at from outside.
+    for (std::size_t process = 0; m_plan.reduced && process < count; ++process) {
+        if (IsEndpoint(process) || !IsAboutToWireUp(world, process)) {
+            if (AddLocalSteps(world, process, steps))
+                return true;
+            steps.clear();
+        }
+    }
+
+    for (std::uint8_t process = 0; process < count; ++process) {
+        if (MayStart(world, process))
+            steps.push_back({Step::Kind::start, process});
+        AddLocalSteps(world, process, steps);
+        const Queue& requests = world.processes[process].to_bus;
+        if (requests.empty())
+            continue;
+        steps.push_back({Step::Kind::bus, process});
+        if (m_plan.questions_dropped && KindOf<Request>(requests.items[0]) == Request::question)
+            steps.push_back({Step::Kind::drop, process});
+    }
+    const bool has_holder = m_plan.holder || m_plan.holder_is_seen;
+    for (std::uint8_t name = 0; has_holder && name < STAGE_NAMES; ++name) {
+        if (world.held == 0 && world.owners[name] == 0)
+            steps.push_back({Step::Kind::hold, 0, name});
+        if (world.owners[name] == 1 + HOLDER)
+            steps.push_back({Step::Kind::unhold, 0, name});
+    }
+    Step calm = {Step::Kind::bus};
+    if (!FindCalmStep(world, calm))
+        return false;
+    std::iter_swap(steps.begin(), std::find(steps.begin(), steps.end(), calm));
+    return true;
+}
+
+// ---- Steps ---------------------------------------------------------------------------------
+
+Verdict Bus::Do(World& world, const Step& step)
+{
+    m_verdict = {};
+    m_notes.clear();
+    Process& process = world.processes[step.process];
+    switch (step.kind) {
+        case Step::Kind::start:
+            Start(world, step.process);
+            break;
+        case Step::Kind::crash:
+            Crash(world, step.process);
+            break;
+        case Step::Kind::bus:
+            TakeRequest(world, step.process, false);
+            break;
+        case Step::Kind::drop:
+            TakeRequest(world, step.process, true);
+            break;
+        case Step::Kind::take:
+            TakeEvent(world, step.process);
+            break;
+        case Step::Kind::retry:
+            Remove(process.retries, step.about);
+            Feed(world, step.process, Event::retry, step.about);
+            break;
+        case Step::Kind::time_over:
+            Remove(process.timers, step.about);
+            Feed(world, step.process, Event::time_over, step.about);
+            break;
+        case Step::Kind::notify:
+            Add(process.notified, step.about);
+            process.to_bus.Push(Pack(Request::notification, step.about));
+            break;
+        case Step::Kind::announce_again:
+            process.announced_again = 1;
+            if (m_plan.processes[step.process].role == ChannelRole::client)
+                process.to_bus.Push(Pack(Request::listen, Stage::syn_ack));
+            Feed(world, step.process, Event::announce, 0);
+            break;
+        case Step::Kind::hold:
+            world.held = 1;
+            world.owners[step.about] = 1 + HOLDER;
+            break;
+        case Step::Kind::unhold:
+            for (std::size_t name = 0; name < STAGE_NAMES; ++name) {
+                if (world.owners[name] == 1 + HOLDER)
+                    Release(world, HOLDER, name);
+            }
+            break;
+    }
+    return m_verdict;
+}
+
+void Bus::Start(World& world, std::size_t process)
+{
+    Process& here = world.processes[process];
+    here.life = Life::running;
+    here.connected = 1;
+    const bool is_client = m_plan.processes[process].role == ChannelRole::client;
+    for (const Stage stage : ALL_STAGES) {
+        if (!IsEndpoint(process) || !is_client || stage != Stage::ack)
+            here.to_bus.Push(Pack(Request::listen, stage));
+    }
+    if (IsEndpoint(process)) {
+        here.machine = m_machines.Fresh(m_plan.processes[process].role);
+        Feed(world, process, Event::announce, 0);
+    } else {
+        PlainPulses(world, process, Stage::syn, process);
+    }
+}
+
+// What it has sent the bus still reads, and what it has told nobody is forgotten.
+void Bus::Crash(World& world, std::size_t process)
+{
+    Process& here = world.processes[process];
+    Process rest;
+    rest.life = Life::crashed;
+    rest.connected = 1;
+    rest.listens = here.listens;
+    rest.watches = here.watches;
+    rest.to_bus = here.to_bus;
+    rest.to_bus.Push(Pack(Request::goodbye, 0));
+    here = rest;
+    world.crashed = 1;
+}
+
+void Bus::TakeRequest(World& world, std::size_t process, bool drop)
+{
+    Process& here = world.processes[process];
+    const std::uint8_t item = here.to_bus.Pop();
+    const std::size_t about = AboutOf(item);
+    const std::size_t name = StageNameOf(m_plan.processes[process].role, about);
+    switch (KindOf<Request>(item)) {
+        case Request::listen:
+            Add(here.listens, about);
+            while (m_plan.reduced && KindOf<Request>(here.to_bus.items[0]) == Request::listen &&
+                   !here.to_bus.empty())
+                Add(here.listens, AboutOf(here.to_bus.Pop()));
+            break;
+        case Request::unlisten:
+            Remove(here.listens, about);
+            break;
+        case Request::acquire:
+            if (world.owners[name] == 0) {
+                world.owners[name] = static_cast<std::uint8_t>(1 + process);
+                // A plain channel releases it on the answer and does nothing before.
+                if (!IsEndpoint(process) && here.life == Life::running)
+                    here.to_bus.Push(Pack(Request::release, about));
+                // Who tries to hold a name meanwhile gets nothing, and nobody else can try.
+                if (m_plan.reduced && !HasRivals(world, process) && !here.to_bus.empty() &&
+                    KindOf<Request>(here.to_bus.items[0]) == Request::release)
+                    TakeRequest(world, process, false);
+            } else if (!IsEndpoint(process)) {
+                Add(world.owners[name] == 1 + HOLDER ? here.swallowed : here.collided, about);
+                PlainPulsed(world, process);
+            }
+            break;
+        case Request::release:
+            if (world.owners[name] == 1 + process) {
+                Release(world, process, name);
+                Deliver(world, process, Pack(Event::shown, about));
+            } else {
+                Deliver(world, process, Pack(Event::missed, about));
+            }
+            if (!IsEndpoint(process))
+                PlainPulsed(world, process);
+            break;
+        case Request::meet:
+            if (about != HOLDER && world.processes[about].connected != 0) {
+                Add(here.watches, about);
+                Deliver(world, process, Pack(Event::met, about));
+            } else {
+                Deliver(world, process, Pack(Event::gone, about));
+            }
+            break;
+        case Request::question:
+            if (m_plan.questions_refused)
+                Deliver(world, process, Pack(Event::answered_never, about));
+            else if (drop)
+                Deliver(world, process, Pack(Event::answered_not_now, about));
+            else
+                Deliver(world, about, Pack(Event::asked, process));
+            break;
+        case Request::answer:
+            Deliver(world, about, Pack(Event::answered_yes, process));
+            break;
+        case Request::notification:
+            if (IsEndpoint(about))
+                Deliver(world, about, Pack(Event::traffic, process));
+            else if ((IsEndpoint(process) || m_plan.plain_is_judged) &&
+                     world.processes[about].life == Life::running && !m_plan.questions_refused &&
+                     !IsUnannounced(world, about) && !Has(world.processes[about].wired, process))
+                Fail(Fault::message_lost, NameOf(about) + " drops the message of " +
+                                              NameOf(process) + ", whom it has not wired up");
+            break;
+        case Request::goodbye:
+            Disconnect(world, process);
+            break;
+    }
+}
+
+void Bus::Disconnect(World& world, std::size_t process)
+{
+    for (std::size_t name = 0; name < STAGE_NAMES; ++name) {
+        if (world.owners[name] == 1 + process)
+            Release(world, process, name);
+    }
+    Process& here = world.processes[process];
+    here = {};
+    here.life = Life::crashed;
+    for (std::size_t other = 0; other < m_plan.processes.size(); ++other) {
+        if (Has(world.processes[other].watches, process)) {
+            Remove(world.processes[other].watches, process);
+            Deliver(world, other, Pack(Event::gone, process));
+        }
+    }
+}
+
+void Bus::Release(World& world, std::size_t process, std::size_t name)
+{
+    world.owners[name] = 0;
+    if (process == HOLDER && !m_plan.holder_is_seen)
+        return;
+    const bool is_service = name < ALL_STAGES.size();
+    const std::size_t stage = name % ALL_STAGES.size();
+    for (std::size_t other = 0; other < m_plan.processes.size(); ++other) {
+        const bool listens_to_services = m_plan.processes[other].role == ChannelRole::client;
+        if (listens_to_services != is_service || !Has(world.processes[other].listens, stage))
+            continue;
+        Deliver(world, other, Pack(PulseOf(stage), process));
+        if (process == HOLDER || world.processes[process].life != Life::running ||
+            IsEndpoint(process))
+            continue;
+        Process& here = world.processes[process];
+        Add(here.seen_by, other);
+        if (stage == IndexOf(Stage::ack) && here.pulsing_for != other)
+            Add(here.misunderstood_by, other);
+    }
+}
+
+// A plain channel does not look at what the bus answers it, but for its pulses.
+void Bus::Deliver(World& world, std::size_t process, std::uint8_t item) const
+{
+    Process& here = world.processes[process];
+    const auto kind = KindOf<Event>(item);
+    const bool is_of_use =
+        IsEndpoint(process) || IsPulse(kind) || kind == Event::gone || kind == Event::asked;
+    if (here.life == Life::running && is_of_use)
+        here.from_bus.Push(item);
+}
+
+void Bus::TakeEvent(World& world, std::size_t process)
+{
+    Process& here = world.processes[process];
+    const std::uint8_t item = here.from_bus.Pop();
+    if (!IsEndpoint(process)) {
+        PlainTakes(world, process, item);
+        return;
+    }
+    const auto about = static_cast<std::uint8_t>(AboutOf(item));
+    const auto event = KindOf<Event>(item);
+    const Handshake& machine = m_machines.At(here.machine);
+    if (event == Event::asked) {
+        if (machine.MayAnswer(BusNameOf(about)))
+            Answer(world, process, about);
+        else
+            Add(here.asked, about);
+        return;
+    }
+    if (event == Event::gone) {
+        Remove(here.timers, about);
+        Remove(here.asked, about);
+    } else if (event == Event::traffic && IsEndpoint(about) && !m_plan.questions_refused &&
+               machine.TrafficOf(BusNameOf(about)) == Handshake::Traffic::of_stranger) {
+        Fail(Fault::message_lost,
+             NameOf(process) + " does not know " + NameOf(about) + ", who sends to it");
+    }
+    Feed(world, process, event, about);
+}
+
+// ---- A plain channel -----------------------------------------------------------------------
+
+void Bus::PlainTakes(World& world, std::size_t process, std::uint8_t item)
+{
+    Process& here = world.processes[process];
+    const std::size_t about = AboutOf(item);
+    const auto kind = KindOf<Event>(item);
+    if (kind == Event::asked) {
+        here.to_bus.Push(Pack(Request::answer, about));
+        return;
+    }
+    if (kind == Event::gone) {
+        if (Has(here.told_ready, about))
+            Add(here.told_lost, about);
+        Remove(here.wired, about);
+        Remove(here.half, about);
+        return;
+    }
+    const Stage stage = PulsedStage(kind);
+    if (stage == Stage::ack) {
+        if (Has(here.wired, about))
+            TellReady(world, process, about);
+        return;
+    }
+    if (Has(here.wired, about))
+        return;
+    Add(here.wired, about);
+    here.to_bus.Push(Pack(Request::meet, about));
+    PlainPulses(world, process, stage == Stage::syn ? Stage::syn_ack : Stage::ack, about);
+}
+
+void Bus::PlainPulses(World& world, std::size_t process, Stage stage, std::size_t partner)
+{
+    Process& here = world.processes[process];
+    here.pulsing = static_cast<std::uint8_t>(1 + IndexOf(stage));
+    here.pulsing_for = static_cast<std::uint8_t>(partner);
+    here.to_bus.Push(Pack(Request::acquire, stage));
+}
+
+void Bus::PlainPulsed(World& world, std::size_t process)
+{
+    Process& here = world.processes[process];
+    if (here.life != Life::running)
+        return;
+    const Stage stage = ALL_STAGES[here.pulsing - 1U];
+    const std::size_t partner = here.pulsing_for;
+    here.pulsing = 0;
+    here.pulsing_for = 0;
+    if (stage == Stage::syn_ack)
+        Add(here.half, partner);
+    else if (stage == Stage::ack)
+        TellReady(world, process, partner);
+}
+
+// ---- An endpoint ---------------------------------------------------------------------------
+
+void Bus::Feed(World& world, std::size_t process, Event event, std::uint8_t about)
+{
+    Process& here = world.processes[process];
+    const Machines::Outcome& outcome = m_machines.After(here.machine, event, about);
+    here.machine = outcome.machine;
+    for (const Machines::Effect& effect : outcome.effects)
+        Perform(world, process, effect);
+    // A timer that nothing depends on any more is as good as none.
+    for (std::uint8_t partner = 0; here.timers >> partner != 0; ++partner) {
+        if (!Has(here.timers, partner))
+            continue;
+        const Machines::Outcome& late = m_machines.After(here.machine, Event::time_over, partner);
+        if (late.machine == here.machine && late.effects.empty())
+            Remove(here.timers, partner);
+    }
+}
+
+void Bus::Perform(World& world, std::size_t process, const Machines::Effect& effect)
+{
+    Process& here = world.processes[process];
+    const auto note = [this](const std::string& text) {
+        if (m_takes_notes)
+            m_notes += (m_notes.empty() ? "" : ", ") + text;
+    };
+    const auto stage_text = [&effect] { return TextOf(ALL_STAGES[effect.about % 3]); };
+    switch (effect.kind) {
+        case Kind::pulse:
+            note(std::string("pulses ") + stage_text());
+            here.to_bus.Push(Pack(Request::acquire, effect.about));
+            here.to_bus.Push(Pack(Request::release, effect.about));
+            break;
+        case Kind::retry:
+        case Kind::retry_refused:
+            note(std::string("will pulse again ") + stage_text());
+            Add(here.retries, effect.about);
+            break;
+        case Kind::meet:
+            note("meets " + NameOf(effect.about));
+            here.to_bus.Push(Pack(Request::meet, effect.about));
+            break;
+        case Kind::ask:
+            note("asks " + NameOf(effect.about));
+            here.to_bus.Push(Pack(Request::question, effect.about));
+            break;
+        case Kind::wait_for_ack:
+        case Kind::wait_patiently:
+        case Kind::wait_to_ask:
+            note("waits for " + NameOf(effect.about));
+            Add(here.timers, effect.about);
+            break;
+        case Kind::tell_ready:
+            note(NameOf(effect.about) + " is ready");
+            TellReady(world, process, effect.about);
+            break;
+        case Kind::tell_lost:
+            note(NameOf(effect.about) + " is lost");
+            TellLost(world, process, effect.about);
+            break;
+        case Kind::answer_all: {
+            note("answers all");
+            const std::uint8_t askers = std::exchange(here.asked, std::uint8_t{0});
+            for (std::size_t asker = 0; asker < m_plan.processes.size(); ++asker) {
+                if (Has(askers, asker))
+                    Answer(world, process, asker);
+            }
+            break;
+        }
+        case Kind::stop_listening:
+            note(std::string("listens no more to ") + stage_text());
+            here.to_bus.Push(Pack(Request::unlisten, effect.about));
+            break;
+    }
+}
+
+void Bus::Answer(World& world, std::size_t process, std::size_t asker)
+{
+    Process& here = world.processes[process];
+    if (m_takes_notes)
+        m_notes += (m_notes.empty() ? "answers " : ", answers ") + NameOf(asker);
+    if (m_machines.At(here.machine).Knows(BusNameOf(asker)))
+        Feed(world, process, Event::asked, static_cast<std::uint8_t>(asker));
+    here.to_bus.Push(Pack(Request::answer, asker));
+}
+
+// ---- What must not be ----------------------------------------------------------------------
+
+void Bus::Fail(Fault fault, std::string text)
+{
+    if (m_verdict.fault == Fault::none)
+        m_verdict = {fault, std::move(text)};
+}
+
+// The limit of a plain service: where its SYN was lost, clients take its answer to one of them for
+// the answer to their own.
+bool Bus::IsUnannounced(const World& world, std::size_t process) const
+{
+    const Process& here = world.processes[process];
+    return !IsEndpoint(process) && m_plan.processes[process].role == ChannelRole::service &&
+           Has(here.swallowed | here.collided, IndexOf(Stage::syn));
+}
+
+void Bus::TellReady(World& world, std::size_t process, std::size_t partner)
+{
+    Process& here = world.processes[process];
+    if (IsEndpoint(process) && Has(here.told_ready, partner))
+        Fail(Fault::told_wrongly, NameOf(process) + " is told ready twice");
+    Add(here.told_ready, partner);
+    Remove(here.half, partner);
+    const bool is_judged = IsEndpoint(process) || m_plan.plain_is_judged;
+    if (is_judged && !IsUnannounced(world, partner) && !m_plan.questions_refused &&
+        !HasWiredUp(world, partner, process))
+        Fail(Fault::early_ready,
+             NameOf(process) + " takes " + NameOf(partner) + " as ready, who does not know of it");
+}
+
+void Bus::TellLost(World& world, std::size_t process, std::size_t partner)
+{
+    Process& here = world.processes[process];
+    if (!Has(here.told_ready, partner) || Has(here.told_lost, partner))
+        Fail(Fault::told_wrongly, NameOf(process) + " is told lost out of turn");
+    Add(here.told_lost, partner);
+}
+
+// Also when it will have done so before anything reaches it that the partner sends from now on. GIO
+// drops what comes before a plain channel has subscribed, so that for it only now counts.
+bool Bus::HasWiredUp(const World& world, std::size_t process, std::size_t partner)
+{
+    const Process& here = world.processes[process];
+    if (here.life != Life::running)
+        return true;
+    if (!IsEndpoint(process))
+        return Has(here.wired, partner);
+    std::uint32_t machine = here.machine;
+    for (std::uint8_t index = 0; index < here.from_bus.size; ++index) {
+        const std::uint8_t item = here.from_bus.items[index];
+        const auto about = static_cast<std::uint8_t>(AboutOf(item));
+        machine = m_machines.After(machine, KindOf<Event>(item), about).machine;
+    }
+    return m_machines.At(machine).Knows(BusNameOf(partner));
+}
+
+Verdict Bus::AtTheEnd(const World& world) const
+{
+    const std::size_t count = m_plan.processes.size();
+    for (std::size_t process = 0; process < count; ++process) {
+        const Process& here = world.processes[process];
+        if (here.life != Life::running)
+            continue;
+        for (std::size_t partner = 0; partner < count; ++partner) {
+            const Process& there = world.processes[partner];
+            if (there.life == Life::crashed && Has(here.told_ready, partner) &&
+                !Has(here.told_lost, partner))
+                return {Fault::told_wrongly,
+                        NameOf(process) + " is not told of the end of " + NameOf(partner)};
+            if (there.life != Life::running ||
+                m_plan.processes[partner].role == m_plan.processes[process].role ||
+                Has(here.told_ready, partner))
+                continue;
+            const std::string text =
+                NameOf(process) + " does not become ready for " + NameOf(partner);
+            if (IsEndpoint(process) && IsEndpoint(partner))
+                return {Fault::not_ready, text};
+            // A plain client of which no pulse showed, a plain service of which not all did, and a
+            // plain client whose ACK was another service's and whose answer to this one was lost
+            // are the limits.
+            const std::size_t client =
+                m_plan.processes[process].role == ChannelRole::client ? process : partner;
+            const std::size_t service = client == process ? partner : process;
+            if (!IsEndpoint(client) && !IsEndpoint(service) && !m_plan.plain_is_judged)
+                continue;
+            const Process& client_here = world.processes[client];
+            const Process& service_here = world.processes[service];
+            if (!IsEndpoint(client) && !IsEndpoint(service)) {
+                if (Has(here.half, partner) && Has(there.half, process))
+                    return {Fault::both_half, text};
+                if ((here.swallowed | there.swallowed) != 0)
+                    return {Fault::name_held, text};
+                if ((here.collided | there.collided) != 0)
+                    return {Fault::collision, text};
+                return {Fault::not_ready, text};
+            }
+            if (!IsEndpoint(client) && !Has(client_here.seen_by, service))
+                continue;
+            if (process == client && Has(client_here.misunderstood_by, service) &&
+                Has(client_here.swallowed | client_here.collided, IndexOf(Stage::syn_ack)))
+                continue;
+            if (!IsEndpoint(service) && (service_here.swallowed | service_here.collided) != 0)
+                continue;
+            return {Fault::not_ready, text};
+        }
+    }
+    return {};
+}
+
+// ---- For traces ----------------------------------------------------------------------------
+
+std::string Describe(const Plan& plan)
+{
+    std::string text;
+    bool crashes = false;
+    for (const ProcessPlan& process : plan.processes) {
+        crashes = crashes || process.may_crash;
+        if (process.successor_of >= 0)
+            continue;
+        text += text.empty() ? "" : ", ";
+        text += process.make == Make::plain ? "plain " : "";
+        text += process.role == ChannelRole::service ? "service" : "client";
+        text += process.may_crash ? " that crashes" : "";
+    }
+    const auto add = [&text](bool is_so, const char* words) {
+        if (is_so)
+            text += std::string("; ") + words;
+    };
+    add(crashes && !plan.overlaps, "crashes are noticed at once");
+    add(plan.holder, "a name is held");
+    add(plan.holder_is_seen, "a name is held and the holder seen");
+    add(plan.questions_refused, "questions are refused");
+    add(plan.questions_dropped, "questions are dropped");
+    add(plan.traffic, "traffic");
+    add(plan.announces_again, "announced again");
+    add(!plan.reduced, "step by step");
+    return text;
+}
+
+std::string Bus::NameOf(std::size_t process) const
+{
+    if (process == HOLDER)
+        return "the holder";
+    const ProcessPlan& plan = m_plan.processes[process];
+    std::string name = plan.make == Make::plain ? "plain " : "";
+    name += plan.role == ChannelRole::service ? "service" : "client";
+    return name + " " + BusNameOf(process) + (plan.successor_of >= 0 ? "'" : "");
+}
+
+std::string Bus::Describe(const World& world, const Step& step) const
+{
+    const std::string who = step.process < m_plan.processes.size() ? NameOf(step.process) : "";
+    const Process& process = world.processes[step.process];
+    const auto stage_name = [](std::size_t name) {
+        return std::string(name < 3 ? "SERVICE_" : "CLIENT_") + TextOf(ALL_STAGES[name % 3]);
+    };
+    switch (step.kind) {
+        case Step::Kind::start:
+            return who + " starts";
+        case Step::Kind::crash:
+            return who + " crashes";
+        case Step::Kind::drop:
+            return "the bus answers a question of " + who + " by: not now";
+        case Step::Kind::retry:
+            return who + " tries again: " + TextOf(ALL_STAGES[step.about]);
+        case Step::Kind::time_over:
+            return who + " has waited for " + NameOf(step.about);
+        case Step::Kind::notify:
+            return who + " sends to " + NameOf(step.about);
+        case Step::Kind::announce_again:
+            return who + " announces itself again";
+        case Step::Kind::hold:
+            return "somebody holds " + stage_name(step.about);
+        case Step::Kind::unhold:
+            return "the holder releases its name";
+        case Step::Kind::bus: {
+            const std::uint8_t item = process.to_bus.items[0];
+            const auto kind = KindOf<Request>(item);
+            constexpr std::array<const char*, 9> texts = {"listen to ", "listen no more to ",
+                                                          "acquire ",   "release ",
+                                                          "meet ",      "ask ",
+                                                          "answer ",    "notify ",
+                                                          "goodbye"};
+            std::string text = "the bus takes of " + who + ": ";
+            text += texts[static_cast<std::size_t>(kind)];
+            if (kind <= Request::release)
+                text += TextOf(StageOf(item));
+            else if (kind != Request::goodbye)
+                text += NameOf(AboutOf(item));
+            return text;
+        }
+        case Step::Kind::take: {
+            const std::uint8_t item = process.from_bus.items[0];
+            const auto kind = KindOf<Event>(item);
+            constexpr std::array<const char*, 15> texts = {"",
+                                                           "SYN of ",
+                                                           "SYN_ACK of ",
+                                                           "ACK of ",
+                                                           "own pulse has shown: ",
+                                                           "own pulse was missed: ",
+                                                           "",
+                                                           "has met ",
+                                                           "gone: ",
+                                                           "answer of ",
+                                                           "refused: question to ",
+                                                           "not now: question to ",
+                                                           "",
+                                                           "question of ",
+                                                           "message of "};
+            std::string text = who + " takes: " + texts[static_cast<std::size_t>(kind)];
+            const bool is_own = kind == Event::shown || kind == Event::missed;
+            return text + (is_own ? TextOf(StageOf(item)) : NameOf(AboutOf(item)));
+        }
+    }
+    return {};
+}
+
+std::string Bus::Describe(const World& world) const
+{
+    std::string text;
+    for (std::size_t process = 0; process < m_plan.processes.size(); ++process) {
+        const Process& here = world.processes[process];
+        text += "    " + NameOf(process) + ": ";
+        if (here.life != Life::running) {
+            text += here.life == Life::unborn ? "not started\n" : "crashed\n";
+            continue;
+        }
+        if (IsEndpoint(process))
+            text += m_machines.At(here.machine).Fingerprint() + " ";
+        for (std::size_t partner = 0; partner < m_plan.processes.size(); ++partner) {
+            if (Has(here.told_ready, partner))
+                text += NameOf(partner) + " is " +
+                        (Has(here.told_lost, partner) ? "lost; " : "ready; ");
+            else if (Has(here.half, partner))
+                text += NameOf(partner) + " is half; ";
+        }
+        text += "\n";
+    }
+    return text;
+}
+
+}  // namespace handshakes
