@@ -44,7 +44,8 @@ plot for [i in "1 2 3 5 6 7"] data . "/notifications.dat" every ::1 \
 set output plots . "/growth.svg"
 set title "What every partner adds: each sees every pulse"
 set ylabel "milliseconds"
-plot data . "/growth.dat" every ::1 using 1:2 title "the next handshake" \
-        linewidth 2 linecolor rgb color(1), \
-    "" every ::1 using 1:3 title "a pulse, processor time of all" \
-        linewidth 2 linecolor rgb color(3)
+plot for [kind in "channel endpoint"] data . "/growth-" . kind . ".dat" every ::1 using 1:2 \
+        title kind . ": the next handshake" linewidth 2 linecolor rgb color(kind eq "channel" ? 1 : 2), \
+    for [kind in "channel endpoint"] data . "/growth-" . kind . ".dat" every ::1 using 1:3 \
+        title kind . ": a pulse, processor time of all" linewidth 2 dashtype 2 \
+        linecolor rgb color(kind eq "channel" ? 1 : 2)

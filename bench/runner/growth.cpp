@@ -98,7 +98,7 @@ private:
 nlohmann::json MeasureGrowth(BenchBus& bus, const Effort& effort)
 {
     nlohmann::json results;
-    for (const std::string kind : {"channel"}) {
+    for (const std::string kind : {"channel", "endpoint"}) {
         Crowd crowd(kind);
         for (const unsigned count : effort.growth) {
             crowd.GrowTo(count);

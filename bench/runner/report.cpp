@@ -1,6 +1,7 @@
 #include "report.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -25,6 +26,9 @@ const std::string END_MARK = "<!-- end of results -->";
 // The order of the columns and rows, which JSON does not keep.
 const std::vector<std::string> SERVERS = {"channel", "endpoint",  "gdbus",   "gdbus-copy",
                                           "sd-bus",  "sdbus-c++", "libdbus", "unix socket"};
+
+// Of which crowds are measured.
+constexpr std::array<const char*, 2> GROWING = {"channel", "endpoint"};
 const std::vector<std::string> WAYS = {"bridge", "direct", "mqtt"};
 
 std::string Format(const char* format, double value)
@@ -438,11 +442,8 @@ std::string HandshakeTable(const json& results)
     return "### Handshake\n\n" + table.Text();
 }
 
-std::string GrowthTable(const json& results)
+void AddGrowth(Table& table, const std::string& kind, const json& growth)
 {
-    Table table({"Partners", "next handshake, ms", "a pulse, all processors' time, us",
-                 "of it a client, us", "service, KiB", "of it a partner, KiB", "bus daemon, KiB"});
-    const json& growth = results.at("growth").at("channel");
     const std::vector<std::string> counts = NumericKeys(growth);
     const auto kib = [&growth](const std::string& count, const char* key) {
         return growth.at(count).at(key).get<double>() / 1024;
@@ -452,9 +453,20 @@ std::string GrowthTable(const json& results)
         const double service = kib(count, "service_bytes");
         const int more = std::stoi(count) - std::stoi(counts.front());
         const double per_partner = (service - kib(counts.front(), "service_bytes")) / more;
-        table.Row({count, NumberText(row.at("next_handshake_ms")), NumberText(row.at("pulse_us")),
-                   NumberText(row.at("pulse_us_per_client")), Format("%.0f", service),
-                   more > 0 ? Short(per_partner) : "", Format("%.0f", kib(count, "daemon_bytes"))});
+        table.Row({kind, count, NumberText(row.at("next_handshake_ms")),
+                   NumberText(row.at("pulse_us")), NumberText(row.at("pulse_us_per_client")),
+                   Format("%.0f", service), more > 0 ? Short(per_partner) : "",
+                   Format("%.0f", kib(count, "daemon_bytes"))});
+    }
+}
+
+std::string GrowthTable(const json& results)
+{
+    Table table({"Both ends", "partners", "next handshake, ms", "a pulse, all processors' time, us",
+                 "of it a client, us", "service, KiB", "of it a partner, KiB", "bus daemon, KiB"});
+    for (const char* kind : GROWING) {
+        if (const json* growth = Find(results, {"growth", kind}))
+            AddGrowth(table, kind, *growth);
     }
     return "### As partners grow\n\n" + table.Text();
 }
@@ -576,8 +588,11 @@ void WritePlotData(const json& results, const std::string& folder)
     if (const json* broadcast = Find(results, {"notifications", "broadcast"}))
         WriteServerData(folder + "/notifications.dat", *broadcast,
                         [](const std::string& count) { return count; });
-    if (const json* growth = Find(results, {"growth", "channel"})) {
-        std::ofstream data(folder + "/growth.dat");
+    for (const char* kind : GROWING) {
+        const json* growth = Find(results, {"growth", kind});
+        if (growth == nullptr)
+            continue;
+        std::ofstream data(folder + "/growth-" + kind + ".dat");
         data << "partners handshake pulse\n";
         for (const std::string& count : NumericKeys(*growth))
             data << count << " " << growth->at(count).at("next_handshake_ms").get<double>() << " "

@@ -21,7 +21,8 @@ std::size_t Clients(int in_the_suite)
     return static_cast<std::size_t>(Scale("PELMAR_STORM_CLIENTS", in_the_suite));
 }
 
-// One end that sends its numbered messages to each partner in OnReady, and looks at what it is told.
+// One end that sends its numbered messages to each partner in OnReady, and looks at what it is
+// told.
 class Greeter {
 public:
     static constexpr int NOTIFICATIONS = 3;

@@ -49,8 +49,8 @@ protected:
 
     void Post(std::function<void()> run, const std::string& name = "")
     {
-        m_queue->Post(std::make_unique<FunctionTask>(
-            std::move(run), [this, name] { m_abandoned += name; }));
+        m_queue->Post(
+            std::make_unique<FunctionTask>(std::move(run), [this, name] { m_abandoned += name; }));
     }
 
     // Returns when all that was posted before has run.
@@ -154,6 +154,35 @@ TEST_F(AHandlerQueue, WaitsForTheTaskThatRunsWhenItIsClosed)
     });
     go_on.set_value();
     closer.join();
+    EXPECT_TRUE(ended_at_close);
+}
+
+TEST_F(AHandlerQueue, WaitsForTheTaskThatAnExecutorRunsWhenItIsClosed)
+{
+    Kept kept;
+    Make(kept.Executor());
+    m_queue->Open();
+    std::promise<void> begun;
+    std::promise<void> go_on;
+    std::atomic<bool> ended{false};
+    Post([&] {
+        begun.set_value();
+        go_on.get_future().wait();
+        ended = true;
+    });
+    std::thread executor(kept.functions.at(0));
+    begun.get_future().wait();
+    std::atomic<bool> ended_at_close{false};
+    std::thread closer([&] {
+        m_queue->Close();
+        ended_at_close = ended.load();
+    });
+    // Closing has begun when a new task is abandoned by the one who posts it.
+    while (m_abandoned.empty())
+        Post([] {}, "probe");
+    go_on.set_value();
+    closer.join();
+    executor.join();
     EXPECT_TRUE(ended_at_close);
 }
 

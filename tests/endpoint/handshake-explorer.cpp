@@ -44,7 +44,7 @@ Plan Crashing(Plan plan, std::size_t process)
     return plan;
 }
 
-Plan With(Plan plan, std::vector<bool Plan::*> options)
+Plan With(Plan plan, const std::vector<bool Plan::*>& options)
 {
     for (bool Plan::*option : options)
         plan.*option = true;
@@ -58,7 +58,8 @@ Plan InFull(Plan plan)
     return plan;
 }
 
-// The bus has noticed the crash before a successor connects. A plain channel needs that.
+// The bus has noticed the crash before a successor connects. Plain channels need that, and who
+// announces itself again.
 Plan InTurn(Plan plan)
 {
     plan.overlaps = false;
@@ -204,7 +205,8 @@ TEST_F(LongHandshakes, OfTwoEndpointsEndReadyWhateverHappens)
                      With(Crashing(two, crashing), {&Plan::holder_is_seen})});
     }
     ExpectSound({InFull(With(two, {&Plan::holder_is_seen})),
-                 With(Crashing(two, 0), {&Plan::announces_again}),
+                 With(InTurn(Crashing(two, 0)), {&Plan::announces_again, &Plan::traffic}),
+                 With(InTurn(Crashing(two, 1)), {&Plan::announces_again, &Plan::traffic}),
                  With(held, {&Plan::announces_again, &Plan::traffic})});
 }
 

@@ -269,7 +269,7 @@ TEST_F(AServicesHandshake, TakesASynAckForAPredecessorsBeforeItsOwnSynHasShown)
     EXPECT_EQ(Lines{"meet " + ONE}, Seen(Stage::syn_ack));
     EXPECT_EQ(NOTHING, Met());
     EXPECT_EQ((Lines{"answer all", "ask " + ONE}), Shown(Stage::syn));
-    EXPECT_EQ(Lines{"pulse ACK"}, Seen(Stage::syn_ack));
+    EXPECT_EQ((Lines{"wait for ACK " + ONE, "pulse ACK"}), Seen(Stage::syn_ack));
 }
 
 TEST_F(AServicesHandshake, TakesAnAckForAPredecessorsBeforeItsOwnSynHasShown)
@@ -390,6 +390,62 @@ TEST_F(AServicesHandshake, ForgetsThePatienceThatANewSynMakesPointless)
     EXPECT_EQ(Lines{"ask " + ONE}, Shown(Stage::syn_ack));
 }
 
+TEST_F(AServicesHandshake, AsksAgainWithoutThePatienceOfBeforeTheNewSyn)
+{
+    Listen();
+    ComeToTheQuestion();
+    EXPECT_EQ(Lines{"wait patiently " + ONE}, Answered(Answer::never));
+    EXPECT_EQ(Lines{"pulse SYN_ACK"}, Seen(Stage::syn));
+    EXPECT_EQ(Lines{"ask " + ONE}, Shown(Stage::syn_ack));
+}
+
+TEST_F(AServicesHandshake, HasNoUseForTheAnswerOfBeforeANewSyn)
+{
+    Listen();
+    ComeToTheQuestion();
+    EXPECT_EQ(Lines{"wait for ACK " + ONE}, Answered(Answer::yes));
+    EXPECT_EQ(Lines{"pulse SYN_ACK"}, Seen(Stage::syn));
+    EXPECT_EQ(Lines{"ask " + ONE}, Shown(Stage::syn_ack));
+}
+
+TEST_F(AServicesHandshake, HasNoUseForTheAckOfBeforeANewSyn)
+{
+    Listen();
+    ComeToTheQuestion();
+    EXPECT_EQ(NOTHING, Seen(Stage::ack));
+    EXPECT_EQ(Lines{"pulse SYN_ACK"}, Seen(Stage::syn));
+    EXPECT_EQ(NOTHING, Answered(Answer::yes));
+    EXPECT_EQ(Lines{"ask " + ONE}, Shown(Stage::syn_ack));
+    EXPECT_EQ(Lines{"wait for ACK " + ONE}, Answered(Answer::yes));
+}
+
+TEST_F(AServicesHandshake, HeedsNoAnswerThatItDidNotAskFor)
+{
+    Listen();
+    EXPECT_EQ((Lines{"meet " + ONE, "pulse SYN_ACK"}), Seen(Stage::syn));
+    EXPECT_EQ(NOTHING, Met());
+    EXPECT_EQ(NOTHING, Answered(Answer::yes));
+    EXPECT_EQ(Lines{"ask " + ONE}, Shown(Stage::syn_ack));
+}
+
+TEST_F(AServicesHandshake, TakesAPartnerThatAsksAsReadyAlsoBeforeTheOwnAck)
+{
+    Listen();
+    EXPECT_EQ((Lines{"meet " + ONE, "pulse ACK"}), Seen(Stage::syn_ack));
+    EXPECT_EQ(Lines{"wait for ACK " + ONE}, Met());
+    EXPECT_EQ(Lines{"ready " + ONE}, Asked());
+}
+
+// Services wire a client up by the SYN_ACK that answers theirs.
+TEST_F(AClientsHandshake, OwesItsSynAckAlsoAfterItsSyn)
+{
+    EXPECT_EQ(Lines{"pulse SYN"}, Announce());
+    EXPECT_EQ((Lines{"meet " + ONE, "pulse SYN_ACK"}), Seen(Stage::syn));
+    EXPECT_EQ(NOTHING, Met());
+    EXPECT_EQ(Lines{"answer all"}, Shown(Stage::syn));
+    EXPECT_EQ(Lines{"ask " + ONE}, Shown(Stage::syn_ack));
+}
+
 TEST_F(AServicesHandshake, AsksNobodyOfWhomItHasNotLearntWhoItIs)
 {
     Listen();
@@ -412,7 +468,7 @@ TEST_F(AServicesHandshake, IsNotReadyTwiceWhenTheAnswerComesAfterThePartnersQues
     Listen();
     ComeToTheQuestion();
     EXPECT_EQ(Lines{"ready " + ONE}, Asked());
-    EXPECT_EQ(NOTHING, Answered(Answer::yes));
+    EXPECT_EQ(NOTHING, Answered(Answer::not_now));
     EXPECT_EQ(NOTHING, Seen(Stage::ack));
     EXPECT_EQ(NOTHING, Asked());
 }

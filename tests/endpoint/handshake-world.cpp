@@ -49,6 +49,12 @@ std::size_t AboutOf(std::uint8_t item)
     return item & 7U;
 }
 
+template <typename Item>
+bool IsNext(const Queue& queue, Item kind)
+{
+    return !queue.empty() && KindOf<Item>(queue.items[0]) == kind;
+}
+
 Stage StageOf(std::uint8_t item)
 {
     return ALL_STAGES[AboutOf(item)];
@@ -106,10 +112,39 @@ const char* TextOf(Stage stage)
     return texts[IndexOf(stage)];
 }
 
-bool IsReplyToPulse(Kind kind)
+Handshake::Actions Apply(Handshake& machine, Event event, std::uint8_t about)
 {
-    return kind == Kind::pulse || kind == Kind::retry || kind == Kind::retry_refused ||
-           kind == Kind::stop_listening;
+    using PulseResult = Handshake::PulseResult;
+    const std::string partner = BusNameOf(about);
+    const Stage stage = ALL_STAGES[about % ALL_STAGES.size()];
+    switch (event) {
+        case Event::announce:
+            return machine.Announce();
+        case Event::shown:
+            return machine.PulseEnded(stage, PulseResult::shown);
+        case Event::missed:
+            return machine.PulseEnded(stage, PulseResult::missed);
+        case Event::retry:
+            return machine.Retry(stage);
+        case Event::met:
+            return machine.Met(partner);
+        case Event::gone:
+            return machine.Gone(partner);
+        case Event::answered_yes:
+            return machine.Answered(partner, Handshake::Answer::yes);
+        case Event::answered_never:
+            return machine.Answered(partner, Handshake::Answer::never);
+        case Event::answered_not_now:
+            return machine.Answered(partner, Handshake::Answer::not_now);
+        case Event::time_over:
+            return machine.TimeOver(partner);
+        case Event::asked:
+            return machine.Asked(partner);
+        case Event::traffic:
+            return machine.TrafficCame(partner);
+        default:
+            return machine.PulseSeen(PulsedStage(event), partner);
+    }
 }
 
 }  // namespace
@@ -158,55 +193,12 @@ const Machines::Outcome& Machines::After(std::uint32_t machine, Event event, std
         return entry->second;
 
     Handshake copy = m_machines[machine];
-    const std::string partner = BusNameOf(about);
-    const Stage stage = ALL_STAGES[about % ALL_STAGES.size()];
-    Handshake::Actions actions;
-    switch (event) {
-        case Event::announce:
-            actions = copy.Announce();
-            break;
-        case Event::shown:
-            actions = copy.PulseEnded(stage, Handshake::PulseResult::shown);
-            break;
-        case Event::missed:
-            actions = copy.PulseEnded(stage, Handshake::PulseResult::missed);
-            break;
-        case Event::retry:
-            actions = copy.Retry(stage);
-            break;
-        case Event::met:
-            actions = copy.Met(partner);
-            break;
-        case Event::gone:
-            actions = copy.Gone(partner);
-            break;
-        case Event::answered_yes:
-            actions = copy.Answered(partner, Handshake::Answer::yes);
-            break;
-        case Event::answered_never:
-            actions = copy.Answered(partner, Handshake::Answer::never);
-            break;
-        case Event::answered_not_now:
-            actions = copy.Answered(partner, Handshake::Answer::not_now);
-            break;
-        case Event::time_over:
-            actions = copy.TimeOver(partner);
-            break;
-        case Event::asked:
-            actions = copy.Asked(partner);
-            break;
-        case Event::traffic:
-            actions = copy.TrafficCame(partner);
-            break;
-        default:
-            actions = copy.PulseSeen(PulsedStage(event), partner);
-    }
+    const Handshake::Actions actions = Apply(copy, event, about);
     entry->second.machine = IdOf(copy);
     for (const Handshake::Action& action : actions) {
-        const bool is_about_stage = IsReplyToPulse(action.kind) || action.partner.empty();
-        entry->second.effects.push_back(
-            {action.kind, static_cast<std::uint8_t>(is_about_stage ? IndexOf(action.stage)
-                                                                   : ProcessOf(action.partner))});
+        const std::size_t subject =
+            action.partner.empty() ? IndexOf(action.stage) : ProcessOf(action.partner);
+        entry->second.effects.push_back({action.kind, static_cast<std::uint8_t>(subject)});
     }
     return entry->second;
 }
@@ -267,9 +259,9 @@ bool Bus::MayNotify(const World& world, std::size_t from, std::size_t to) const
 void Bus::AddTimers(const World& world, std::size_t process, std::vector<Step>& steps) const
 {
     const auto index = static_cast<std::uint8_t>(process);
-    for (std::uint8_t stage = 0; stage < ALL_STAGES.size(); ++stage) {
-        if (Has(world.processes[process].retries, stage))
-            steps.push_back({Step::Kind::retry, index, stage});
+    for (const Stage stage : ALL_STAGES) {
+        if (Has(world.processes[process].retries, IndexOf(stage)))
+            steps.push_back({Step::Kind::retry, index, static_cast<std::uint8_t>(IndexOf(stage))});
     }
     for (std::uint8_t partner = 0; partner < 8; ++partner) {
         if (Has(world.processes[process].timers, partner) && !IsPatient(world, process, partner))
@@ -297,7 +289,7 @@ bool Bus::AddLocalSteps(const World& world, std::size_t process, std::vector<Ste
     if (takes)
         steps.push_back({Step::Kind::take, index});
     AddTimers(world, process, steps);
-    for (std::uint8_t partner = 0; partner < m_plan.processes.size(); ++partner) {
+    for (std::uint8_t partner = 0; partner < MOST_PROCESSES; ++partner) {
         if (MayNotify(world, process, partner))
             steps.push_back({Step::Kind::notify, index, partner});
     }
@@ -326,6 +318,12 @@ bool Bus::FindCalmStep(const World& world, Step& step) const
         if (owner != 0)
             return true;
     }
+    return FindDelivery(world, step) || FindTimer(world, step);
+}
+
+bool Bus::FindDelivery(const World& world, Step& step) const
+{
+    const std::size_t count = m_plan.processes.size();
     for (std::uint8_t process = 0; process < count; ++process) {
         const Process& here = world.processes[process];
         step = {Step::Kind::take, process};
@@ -337,8 +335,13 @@ bool Bus::FindCalmStep(const World& world, Step& step) const
         if (!world.processes[process].to_bus.empty())
             return true;
     }
+    return false;
+}
+
+bool Bus::FindTimer(const World& world, Step& step) const
+{
     std::vector<Step> timers;
-    for (std::size_t process = 0; process < count && timers.empty(); ++process)
+    for (std::size_t process = 0; process < m_plan.processes.size(); ++process)
         AddTimers(world, process, timers);
     if (!timers.empty())
         step = timers.front();
@@ -352,6 +355,17 @@ bool Bus::IsAboutToWireUp(const World& world, std::size_t process) const
     const std::size_t partner = AboutOf(item);
     return !here.from_bus.empty() && IsPulse(KindOf<Event>(item)) && partner != HOLDER &&
            !Has(here.wired, partner) && (IsEndpoint(partner) || m_plan.plain_is_judged);
+}
+
+void Bus::AddHolder(const World& world, std::vector<Step>& steps) const
+{
+    const bool has_holder = m_plan.holder || m_plan.holder_is_seen;
+    for (std::uint8_t name = 0; has_holder && name < STAGE_NAMES; ++name) {
+        if (world.held == 0 && world.owners[name] == 0)
+            steps.push_back({Step::Kind::hold, 0, name});
+        if (world.owners[name] == 1 + HOLDER)
+            steps.push_back({Step::Kind::unhold, 0, name});
+    }
 }
 
 bool Bus::StepsFrom(const World& world, std::vector<Step>& steps)
@@ -380,13 +394,7 @@ bool Bus::StepsFrom(const World& world, std::vector<Step>& steps)
         if (m_plan.questions_dropped && KindOf<Request>(requests.items[0]) == Request::question)
             steps.push_back({Step::Kind::drop, process});
     }
-    const bool has_holder = m_plan.holder || m_plan.holder_is_seen;
-    for (std::uint8_t name = 0; has_holder && name < STAGE_NAMES; ++name) {
-        if (world.held == 0 && world.owners[name] == 0)
-            steps.push_back({Step::Kind::hold, 0, name});
-        if (world.owners[name] == 1 + HOLDER)
-            steps.push_back({Step::Kind::unhold, 0, name});
-    }
+    AddHolder(world, steps);
     Step calm = {Step::Kind::bus};
     if (!FindCalmStep(world, calm))
         return false;
@@ -430,20 +438,14 @@ Verdict Bus::Do(World& world, const Step& step)
             process.to_bus.Push(Pack(Request::notification, step.about));
             break;
         case Step::Kind::announce_again:
-            process.announced_again = 1;
-            if (m_plan.processes[step.process].role == ChannelRole::client)
-                process.to_bus.Push(Pack(Request::listen, Stage::syn_ack));
-            Feed(world, step.process, Event::announce, 0);
+            AnnounceAgain(world, step.process);
             break;
         case Step::Kind::hold:
             world.held = 1;
             world.owners[step.about] = 1 + HOLDER;
             break;
         case Step::Kind::unhold:
-            for (std::size_t name = 0; name < STAGE_NAMES; ++name) {
-                if (world.owners[name] == 1 + HOLDER)
-                    Release(world, HOLDER, name);
-            }
+            Release(world, HOLDER, step.about);
             break;
     }
     return m_verdict;
@@ -467,6 +469,15 @@ void Bus::Start(World& world, std::size_t process)
     }
 }
 
+void Bus::AnnounceAgain(World& world, std::size_t process)
+{
+    Process& here = world.processes[process];
+    here.announced_again = 1;
+    if (m_plan.processes[process].role == ChannelRole::client)
+        here.to_bus.Push(Pack(Request::listen, Stage::syn_ack));
+    Feed(world, process, Event::announce, 0);
+}
+
 // What it has sent the bus still reads, and what it has told nobody is forgotten.
 void Bus::Crash(World& world, std::size_t process)
 {
@@ -487,41 +498,20 @@ void Bus::TakeRequest(World& world, std::size_t process, bool drop)
     Process& here = world.processes[process];
     const std::uint8_t item = here.to_bus.Pop();
     const std::size_t about = AboutOf(item);
-    const std::size_t name = StageNameOf(m_plan.processes[process].role, about);
     switch (KindOf<Request>(item)) {
         case Request::listen:
             Add(here.listens, about);
-            while (m_plan.reduced && KindOf<Request>(here.to_bus.items[0]) == Request::listen &&
-                   !here.to_bus.empty())
+            while (m_plan.reduced && IsNext(here.to_bus, Request::listen))
                 Add(here.listens, AboutOf(here.to_bus.Pop()));
             break;
         case Request::unlisten:
             Remove(here.listens, about);
             break;
         case Request::acquire:
-            if (world.owners[name] == 0) {
-                world.owners[name] = static_cast<std::uint8_t>(1 + process);
-                // A plain channel releases it on the answer and does nothing before.
-                if (!IsEndpoint(process) && here.life == Life::running)
-                    here.to_bus.Push(Pack(Request::release, about));
-                // Who tries to hold a name meanwhile gets nothing, and nobody else can try.
-                if (m_plan.reduced && !HasRivals(world, process) && !here.to_bus.empty() &&
-                    KindOf<Request>(here.to_bus.items[0]) == Request::release)
-                    TakeRequest(world, process, false);
-            } else if (!IsEndpoint(process)) {
-                Add(world.owners[name] == 1 + HOLDER ? here.swallowed : here.collided, about);
-                PlainPulsed(world, process);
-            }
+            Acquire(world, process, about);
             break;
         case Request::release:
-            if (world.owners[name] == 1 + process) {
-                Release(world, process, name);
-                Deliver(world, process, Pack(Event::shown, about));
-            } else {
-                Deliver(world, process, Pack(Event::missed, about));
-            }
-            if (!IsEndpoint(process))
-                PlainPulsed(world, process);
+            EndPulse(world, process, about);
             break;
         case Request::meet:
             if (about != HOLDER && world.processes[about].connected != 0) {
@@ -543,18 +533,51 @@ void Bus::TakeRequest(World& world, std::size_t process, bool drop)
             Deliver(world, about, Pack(Event::answered_yes, process));
             break;
         case Request::notification:
-            if (IsEndpoint(about))
-                Deliver(world, about, Pack(Event::traffic, process));
-            else if ((IsEndpoint(process) || m_plan.plain_is_judged) &&
-                     world.processes[about].life == Life::running && !m_plan.questions_refused &&
-                     !IsUnannounced(world, about) && !Has(world.processes[about].wired, process))
-                Fail(Fault::message_lost, NameOf(about) + " drops the message of " +
-                                              NameOf(process) + ", whom it has not wired up");
+            Notify(world, process, about);
             break;
         case Request::goodbye:
             Disconnect(world, process);
             break;
     }
+}
+
+void Bus::Acquire(World& world, std::size_t process, std::size_t stage)
+{
+    Process& here = world.processes[process];
+    std::uint8_t& owner = world.owners[StageNameOf(m_plan.processes[process].role, stage)];
+    if (owner == 0) {
+        owner = static_cast<std::uint8_t>(1 + process);
+        // A plain channel releases it on the answer and does nothing before.
+        if (!IsEndpoint(process) && here.life == Life::running)
+            here.to_bus.Push(Pack(Request::release, stage));
+        // Who tries to hold a name meanwhile gets nothing, and nobody else can try.
+        if (m_plan.reduced && !HasRivals(world, process) && IsNext(here.to_bus, Request::release))
+            TakeRequest(world, process, false);
+    } else if (!IsEndpoint(process)) {
+        Add(owner == 1 + HOLDER ? here.swallowed : here.collided, stage);
+        PlainPulsed(world, process);
+    }
+}
+
+void Bus::EndPulse(World& world, std::size_t process, std::size_t stage)
+{
+    const std::size_t name = StageNameOf(m_plan.processes[process].role, stage);
+    const bool shows = world.owners[name] == 1 + process;
+    if (shows)
+        Release(world, process, name);
+    Deliver(world, process, Pack(shows ? Event::shown : Event::missed, stage));
+    if (!IsEndpoint(process))
+        PlainPulsed(world, process);
+}
+
+void Bus::Notify(World& world, std::size_t from, std::size_t to)
+{
+    if (IsEndpoint(to))
+        Deliver(world, to, Pack(Event::traffic, from));
+    else if (IsJudged(world, from, to) && world.processes[to].life == Life::running &&
+             !Has(world.processes[to].wired, from))
+        Fail(Fault::message_lost,
+             NameOf(to) + " drops the message of " + NameOf(from) + ", whom it has not wired up");
 }
 
 void Bus::Disconnect(World& world, std::size_t process)
@@ -750,19 +773,23 @@ void Bus::Perform(World& world, std::size_t process, const Machines::Effect& eff
             note(NameOf(effect.about) + " is lost");
             TellLost(world, process, effect.about);
             break;
-        case Kind::answer_all: {
+        case Kind::answer_all:
             note("answers all");
-            const std::uint8_t askers = std::exchange(here.asked, std::uint8_t{0});
-            for (std::size_t asker = 0; asker < m_plan.processes.size(); ++asker) {
-                if (Has(askers, asker))
-                    Answer(world, process, asker);
-            }
+            AnswerAll(world, process);
             break;
-        }
         case Kind::stop_listening:
             note(std::string("listens no more to ") + stage_text());
             here.to_bus.Push(Pack(Request::unlisten, effect.about));
             break;
+    }
+}
+
+void Bus::AnswerAll(World& world, std::size_t process)
+{
+    const std::uint8_t askers = std::exchange(world.processes[process].asked, std::uint8_t{0});
+    for (std::size_t asker = 0; asker < m_plan.processes.size(); ++asker) {
+        if (Has(askers, asker))
+            Answer(world, process, asker);
     }
 }
 
@@ -784,13 +811,17 @@ void Bus::Fail(Fault fault, std::string text)
         m_verdict = {fault, std::move(text)};
 }
 
-// The limit of a plain service: where its SYN was lost, clients take its answer to one of them for
-// the answer to their own.
-bool Bus::IsUnannounced(const World& world, std::size_t process) const
+// Whether it is a fault where `process` takes the partner as ready too early. Where the SYN of a
+// plain service was lost, clients take its answer to one of them for the answer to their own.
+bool Bus::IsJudged(const World& world, std::size_t process, std::size_t partner) const
 {
-    const Process& here = world.processes[process];
-    return !IsEndpoint(process) && m_plan.processes[process].role == ChannelRole::service &&
-           Has(here.swallowed | here.collided, IndexOf(Stage::syn));
+    if (m_plan.plain_is_judged)
+        return true;
+    const Process& there = world.processes[partner];
+    const bool is_unannounced = !IsEndpoint(partner) &&
+                                m_plan.processes[partner].role == ChannelRole::service &&
+                                Has(there.swallowed | there.collided, IndexOf(Stage::syn));
+    return IsEndpoint(process) && !m_plan.questions_refused && !is_unannounced;
 }
 
 void Bus::TellReady(World& world, std::size_t process, std::size_t partner)
@@ -800,9 +831,7 @@ void Bus::TellReady(World& world, std::size_t process, std::size_t partner)
         Fail(Fault::told_wrongly, NameOf(process) + " is told ready twice");
     Add(here.told_ready, partner);
     Remove(here.half, partner);
-    const bool is_judged = IsEndpoint(process) || m_plan.plain_is_judged;
-    if (is_judged && !IsUnannounced(world, partner) && !m_plan.questions_refused &&
-        !HasWiredUp(world, partner, process))
+    if (IsJudged(world, process, partner) && !HasWiredUp(world, partner, process))
         Fail(Fault::early_ready,
              NameOf(process) + " takes " + NameOf(partner) + " as ready, who does not know of it");
 }
@@ -837,53 +866,63 @@ Verdict Bus::AtTheEnd(const World& world) const
 {
     const std::size_t count = m_plan.processes.size();
     for (std::size_t process = 0; process < count; ++process) {
-        const Process& here = world.processes[process];
-        if (here.life != Life::running)
-            continue;
         for (std::size_t partner = 0; partner < count; ++partner) {
-            const Process& there = world.processes[partner];
-            if (there.life == Life::crashed && Has(here.told_ready, partner) &&
-                !Has(here.told_lost, partner))
-                return {Fault::told_wrongly,
-                        NameOf(process) + " is not told of the end of " + NameOf(partner)};
-            if (there.life != Life::running ||
-                m_plan.processes[partner].role == m_plan.processes[process].role ||
-                Has(here.told_ready, partner))
+            const bool are_partners =
+                m_plan.processes[process].role != m_plan.processes[partner].role;
+            if (!are_partners || world.processes[process].life != Life::running)
                 continue;
-            const std::string text =
-                NameOf(process) + " does not become ready for " + NameOf(partner);
-            if (IsEndpoint(process) && IsEndpoint(partner))
-                return {Fault::not_ready, text};
-            // A plain client of which no pulse showed, a plain service of which not all did, and a
-            // plain client whose ACK was another service's and whose answer to this one was lost
-            // are the limits.
-            const std::size_t client =
-                m_plan.processes[process].role == ChannelRole::client ? process : partner;
-            const std::size_t service = client == process ? partner : process;
-            if (!IsEndpoint(client) && !IsEndpoint(service) && !m_plan.plain_is_judged)
-                continue;
-            const Process& client_here = world.processes[client];
-            const Process& service_here = world.processes[service];
-            if (!IsEndpoint(client) && !IsEndpoint(service)) {
-                if (Has(here.half, partner) && Has(there.half, process))
-                    return {Fault::both_half, text};
-                if ((here.swallowed | there.swallowed) != 0)
-                    return {Fault::name_held, text};
-                if ((here.collided | there.collided) != 0)
-                    return {Fault::collision, text};
-                return {Fault::not_ready, text};
-            }
-            if (!IsEndpoint(client) && !Has(client_here.seen_by, service))
-                continue;
-            if (process == client && Has(client_here.misunderstood_by, service) &&
-                Has(client_here.swallowed | client_here.collided, IndexOf(Stage::syn_ack)))
-                continue;
-            if (!IsEndpoint(service) && (service_here.swallowed | service_here.collided) != 0)
-                continue;
-            return {Fault::not_ready, text};
+            Verdict verdict = OfOneEnd(world, process, partner);
+            if (verdict.fault != Fault::none)
+                return verdict;
         }
     }
     return {};
+}
+
+Verdict Bus::OfOneEnd(const World& world, std::size_t process, std::size_t partner) const
+{
+    const Process& here = world.processes[process];
+    const Process& there = world.processes[partner];
+    const bool is_ready = Has(here.told_ready, partner) && !Has(here.told_lost, partner);
+    if (there.life != Life::running) {
+        if (!is_ready)
+            return {};
+        return {Fault::told_wrongly,
+                NameOf(process) + " is not told of the end of " + NameOf(partner)};
+    }
+    if (is_ready || IsLimit(world, process, partner))
+        return {};
+    Fault fault = Fault::not_ready;
+    if (!IsEndpoint(process) && !IsEndpoint(partner)) {
+        if (Has(here.half, partner) && Has(there.half, process))
+            fault = Fault::both_half;
+        else if ((here.swallowed | there.swallowed) != 0)
+            fault = Fault::name_held;
+        else if ((here.collided | there.collided) != 0)
+            fault = Fault::collision;
+    }
+    return {fault, NameOf(process) + " does not become ready for " + NameOf(partner)};
+}
+
+// What no endpoint can do anything about: a plain service of which not all pulses showed, a plain
+// client of which none did, and one whose ACK to another service was seen and whose answer to this
+// one was not.
+bool Bus::IsLimit(const World& world, std::size_t process, std::size_t partner) const
+{
+    const bool is_client = m_plan.processes[process].role == ChannelRole::client;
+    const std::size_t client_index = is_client ? process : partner;
+    const std::size_t service_index = is_client ? partner : process;
+    const Process& client = world.processes[client_index];
+    const Process& service = world.processes[service_index];
+    if (!IsEndpoint(client_index) && !IsEndpoint(service_index))
+        return !m_plan.plain_is_judged;
+    if (!IsEndpoint(service_index))
+        return (service.swallowed | service.collided) != 0;
+    if (IsEndpoint(client_index))
+        return false;
+    return !Has(client.seen_by, service_index) ||
+           (is_client && Has(client.misunderstood_by, service_index) &&
+            Has(client.swallowed | client.collided, IndexOf(Stage::syn_ack)));
 }
 
 // ---- For traces ----------------------------------------------------------------------------

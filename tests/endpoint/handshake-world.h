@@ -40,7 +40,7 @@ struct Plan {
     bool announces_again = false;    // each endpoint may announce itself again, once
     bool overlaps = true;            // a successor may start before the bus has noticed the crash
     bool plain_is_judged = false;    // what goes wrong between two plain channels is a fault
-    bool reduced = true;             // see Explorer
+    bool reduced = true;             // orders that come to the same are gone through once
 };
 
 std::string Describe(const Plan& plan);
@@ -219,11 +219,18 @@ private:
     bool IsAboutToWireUp(const World& world, std::size_t process) const;
     bool IsPatient(const World& world, std::size_t process, std::size_t partner) const;
     void AddTimers(const World& world, std::size_t process, std::vector<Step>& steps) const;
+    void AddHolder(const World& world, std::vector<Step>& steps) const;
+    bool FindDelivery(const World& world, Step& step) const;
+    bool FindTimer(const World& world, Step& step) const;
     bool FindCalmStep(const World& world, Step& step) const;
 
     void Start(World& world, std::size_t process);
     void Crash(World& world, std::size_t process);
     void TakeRequest(World& world, std::size_t process, bool drop);
+    void Acquire(World& world, std::size_t process, std::size_t stage);
+    void EndPulse(World& world, std::size_t process, std::size_t stage);
+    void Notify(World& world, std::size_t from, std::size_t to);
+    void AnnounceAgain(World& world, std::size_t process);
     void Disconnect(World& world, std::size_t process);
     void Release(World& world, std::size_t process, std::size_t name);
     void Deliver(World& world, std::size_t process, std::uint8_t item) const;
@@ -233,8 +240,11 @@ private:
     void PlainPulsed(World& world, std::size_t process);
     void Feed(World& world, std::size_t process, Machines::Event event, std::uint8_t about);
     void Perform(World& world, std::size_t process, const Machines::Effect& effect);
+    void AnswerAll(World& world, std::size_t process);
     void Answer(World& world, std::size_t process, std::size_t asker);
-    bool IsUnannounced(const World& world, std::size_t process) const;
+    bool IsJudged(const World& world, std::size_t process, std::size_t partner) const;
+    Verdict OfOneEnd(const World& world, std::size_t process, std::size_t partner) const;
+    bool IsLimit(const World& world, std::size_t process, std::size_t partner) const;
     void TellReady(World& world, std::size_t process, std::size_t partner);
     void TellLost(World& world, std::size_t process, std::size_t partner);
     bool HasWiredUp(const World& world, std::size_t process, std::size_t partner);

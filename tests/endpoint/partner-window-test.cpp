@@ -118,13 +118,15 @@ TEST_F(APartnerWindow, GivesTheRoomOfNotificationsBackWhenTheyAreDealtWith)
 
 TEST_F(APartnerWindow, GivesNothingBackForWhatLeftAfterThePartnersWord)
 {
-    ASSERT_TRUE(m_window.Take(Notification(100 * KIB)));
-    LetLeave();
-    const std::uint64_t asked_at = m_window.Position();
-    ASSERT_TRUE(m_window.Take(Notification(7 * MIB)));
-    m_window.DealtWith(asked_at);
-    LetLeave();
-    EXPECT_FALSE(m_window.Take(Notification(2 * MIB)));
+    PartnerWindow small(MIB, MIB, m_all);
+    ASSERT_TRUE(small.Take(Notification(100 * KIB)));
+    ASSERT_NE(nullptr, small.Next(MAY_CALL));
+    const std::uint64_t asked_at = small.Position();
+    ASSERT_TRUE(small.Take(Notification(300 * KIB)));
+    ASSERT_NE(nullptr, small.Next(MAY_CALL));
+    small.DealtWith(asked_at);
+    EXPECT_FALSE(small.Take(Notification(800 * KIB)));
+    EXPECT_TRUE(small.Take(Notification(700 * KIB)));
 }
 
 TEST_F(APartnerWindow, GivesTheRoomOfARequestBackWhenItIsAnsweredOnly)
@@ -257,9 +259,9 @@ TEST_F(APartnerWindow, HasRoomAgainOnceWhenWhatWasRefusedFits)
         m_window.DealtWith(m_window.Position());
         LetLeave();
     }
+    EXPECT_FALSE(m_window.HasRoomAgain());
     EXPECT_TRUE(m_window.Take(Notification(512 * KIB)));
     EXPECT_EQ(8, rounds);  // half of it is free
-    EXPECT_FALSE(m_window.HasRoomAgain());
 }
 
 TEST_F(APartnerWindow, HasNoRoomAgainWhereNothingWasRefused)

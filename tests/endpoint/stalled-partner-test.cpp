@@ -52,7 +52,8 @@ protected:
         return m_endpoint->Partners().back();
     }
 
-    // A full window has room again when the partner has said that it has dealt with what it was sent.
+    // A full window has room again when the partner has said that it has dealt with what it was
+    // sent.
     Response RequestOfHealthy(const Bytes& data)
     {
         const auto start = std::chrono::steady_clock::now();
