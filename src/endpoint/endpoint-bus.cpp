@@ -243,6 +243,8 @@ void PelmarEndpoint::Impl::ListenTo(Stage stage, bool is_first_try)
     const std::string rule = bus_message::OwnerChangeRule(m_peer_names[IndexOf(stage)]);
     CallDaemon("AddMatch", g_variant_new("(s)", rule.c_str()),
                [this, stage, is_first_try, session = m_session](GDBusMessage* answer) {
+                   if (is_first_try && --m_first_rules == 0)
+                       IsThere();
                    if (bus_message::ErrorName(answer).empty()) {
                        if (!is_first_try)
                            Carry(m_handshake->Announce());

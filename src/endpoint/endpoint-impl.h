@@ -119,7 +119,6 @@ private:
     static void cb_Connected(GObject* source, GAsyncResult* result, gpointer user_data);
     void ConnectionMade(Connection connection);
     void ConnectionFailed(const std::string& reason);
-    void FirstTryIsOver();
     static void cb_Closed(GDBusConnection* connection, gboolean by_peer, GError* error,
                           gpointer user_data);
     void ConnectionClosed();
@@ -153,6 +152,7 @@ private:
     void OwnerChanged(GDBusMessage* signal);
 
     // The handshake and its repair, with the mutex held.
+    void IsThere();
     void ListenTo(Stage stage, bool is_first_try);
     void Carry(const Handshake::Actions& actions);
     void Pulse(Stage stage);
@@ -272,6 +272,8 @@ private:
     std::unordered_map<guint32, OnAnswer> m_calls;
     std::vector<bus_message::CallId> m_strangers_questions;
     bool m_rules_are_short = false;
+    int m_first_rules = 0;    // those of the names that are not in force yet
+    bool m_is_there = false;  // all are, or were refused
 
     struct OwnPulse {
         int attempts = 0;

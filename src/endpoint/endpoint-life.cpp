@@ -240,18 +240,26 @@ void PelmarEndpoint::Impl::ConnectionMade(Connection connection)
     ++m_session;
     m_reconnect_delay = FIRST_RECONNECT;
     ReportOver(Problem::bus_unreachable);
-    if (std::exchange(m_was_off_bus, false))
-        Tell("OnBusBack", m_handlers.bus_back);
     m_handshake.emplace(ChannelRoleOf(m_role));
     for (const Stage stage : ALL_STAGES) {
-        if (m_role == Role::service || stage != Stage::ack)
+        if (m_role == Role::service || stage != Stage::ack) {
+            ++m_first_rules;
             ListenTo(stage, true);
+        }
     }
     Carry(m_handshake->Announce());
-    m_first_try_over = true;
-    m_changed.notify_all();
     if (is_closed)
         m_loop->Post([this] { ConnectionClosed(); });
+}
+
+// Nobody's pulse goes unheard any more.
+void PelmarEndpoint::Impl::IsThere()
+{
+    m_is_there = true;
+    m_first_try_over = true;
+    m_changed.notify_all();
+    if (std::exchange(m_was_off_bus, false))
+        Tell("OnBusBack", m_handlers.bus_back);
 }
 
 // ---- Off it --------------------------------------------------------------------------------
@@ -275,10 +283,13 @@ void PelmarEndpoint::Impl::ConnectionClosed()
             return;
         PELMAR_DEBUG("Channel %s: the connection to the bus is lost\n\n", PELMAR_AT(__func__),
                      m_channel.c_str());
-        Tell("OnBusLost", m_handlers.bus_lost);
+        if (m_is_there)
+            Tell("OnBusLost", m_handlers.bus_lost);
         LeaveBus(Status::bus_gone);
         m_was_off_bus = true;
         m_off_bus_since = Clock::now();
+        m_first_try_over = true;
+        m_changed.notify_all();
         After(m_reconnect_delay, [this] { m_loop->Post([this] { Connect(); }); });
     }
     ReleaseConnection();
@@ -308,6 +319,8 @@ void PelmarEndpoint::Impl::LeaveBus(Status status)
     m_strangers_questions.clear();
     m_backlog.clear();
     m_rules_are_short = false;
+    m_first_rules = 0;
+    m_is_there = false;
     m_pulses = {};
     m_open_requests = 0;
     m_open_questions = 0;

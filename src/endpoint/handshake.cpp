@@ -10,7 +10,6 @@ Handshake::Actions Handshake::Announce()
 {
     m_syn_needed = true;
     m_syn_shown = false;
-    m_listens_to_syn_ack = true;
     return Next({});
 }
 

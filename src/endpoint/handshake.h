@@ -135,7 +135,7 @@ private:
     ChannelRole m_role;
     bool m_syn_needed = false;
     bool m_syn_shown = false;
-    bool m_listens_to_syn_ack = false;
+    bool m_listens_to_syn_ack = true;
     std::array<OwnPulse, ALL_STAGES.size()> m_pulses;
     std::map<std::string, Peer> m_peers;
 };

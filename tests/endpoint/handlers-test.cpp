@@ -359,8 +359,8 @@ TEST_F(ASlowHandler, DoesNotHoldUpTheTimeOfARequestOrItsSending)
     std::promise<void> never;
     std::atomic<bool> is_over{false};
     std::atomic<Status> status{Status::ok};
-    End client(Role::client);
     std::vector<PelmarEndpoint::Reply> replies;
+    End client(Role::client);
     client.endpoint.OnDeferredMessage([&](Message&, PelmarEndpoint::Reply reply) {
         came = Clock::now();
         replies.push_back(std::move(reply));
