@@ -191,7 +191,6 @@ private:
     void HandleMessage(const PeerPtr& peer, MessagePtr message);
     void HandleCall(const PeerPtr& peer, MessagePtr message);
     void KeepOpen(const Reply& reply);
-    void Handled(const PeerPtr& peer, std::size_t cost);
 
     // Traffic out, with the mutex held.
     PeerPtr FindPeer(const Partner& partner) const;

@@ -26,6 +26,9 @@ constexpr std::size_t DAEMON_WINDOW = 1024UL * 1024;
 
 constexpr milliseconds ASK_LATER{300};
 
+// What a partner may have sent ahead of an answer: a window, or the largest message, and a bit.
+constexpr std::size_t AHEAD_OF_ANSWER_BYTES = 40UL * 1024 * 1024;
+
 // Strangers that were answered and may come back.
 constexpr std::size_t MOST_IDLE_STRANGERS = 64;
 
@@ -159,11 +162,13 @@ void PelmarEndpoint::Impl::TrafficCame(GDBusMessage* message)
 }
 
 // The small share that each has for itself is what an endpoint has under way to another at a time.
+// With an answer it sends all that is ahead of it.
 bool PelmarEndpoint::Impl::TakeIn(Peer& peer, std::size_t cost)
 {
+    const std::size_t share =
+        peer.open_requests != 0 ? AHEAD_OF_ANSWER_BYTES : PartnerWindow::TRANSIT_BYTES;
     const bool has_share =
-        m_handshake->Knows(peer.Name()) &&
-        (peer.waiting == 0 || peer.waiting + cost <= PartnerWindow::TRANSIT_BYTES);
+        m_handshake->Knows(peer.Name()) && (peer.waiting == 0 || peer.waiting + cost <= share);
     if (m_intake != 0 && m_intake + cost > m_settings.intake && !has_share) {
         Report(Problem::intake_full,
                "messages come in faster than the handlers deal with them: over " +
@@ -182,7 +187,6 @@ void PelmarEndpoint::Impl::LetGo(Peer& peer, std::size_t cost)
 {
     m_intake -= cost;
     peer.waiting -= cost;
-    ++peer.handled;
     if (m_intake == 0)
         ReportOver(Problem::intake_full);
 }
@@ -214,9 +218,13 @@ void PelmarEndpoint::Impl::RefuseCall(const PeerPtr& peer, const bus_message::Ca
         SendNow(answer.get());
 }
 
+// It waits no more when its handler begins: whoever is answered by that may send the next at once.
 void PelmarEndpoint::Impl::HandleMessage(const PeerPtr& peer, MessagePtr message)
 {
-    const std::size_t cost = bus_message::Cost(message.get());
+    {
+        const Lock lock(m_mutex);
+        LetGo(*peer, bus_message::Cost(message.get()));
+    }
     if (bus_message::IsCall(message.get())) {
         HandleCall(peer, std::move(message));
     } else if (m_handlers.notification) {
@@ -224,7 +232,9 @@ void PelmarEndpoint::Impl::HandleMessage(const PeerPtr& peer, MessagePtr message
         message.reset();
         CallGuarded("OnNotification", [&] { m_handlers.notification(notification); });
     }
-    Handled(peer, cost);
+    const Lock lock(m_mutex);
+    ++peer->handled;
+    AnswerQuestions(*peer);
 }
 
 void PelmarEndpoint::Impl::HandleCall(const PeerPtr& peer, MessagePtr message)
@@ -261,13 +271,6 @@ void PelmarEndpoint::Impl::KeepOpen(const Reply& reply)
                                         [](const auto& open) { return open.expired(); }),
                          m_open_replies.end());
     m_open_replies_limit = 2 * m_open_replies.size() + 16;
-}
-
-void PelmarEndpoint::Impl::Handled(const PeerPtr& peer, std::size_t cost)
-{
-    const Lock lock(m_mutex);
-    LetGo(*peer, cost);
-    AnswerQuestions(*peer);
 }
 
 void PelmarEndpoint::Impl::AnswerQuestions(Peer& peer)

@@ -211,7 +211,7 @@ TEST_F(AStalledPartner, DoesNotHoldUpTheOthersAlsoWhenThereAreManyOfThemWithLarg
     for (const PelmarEndpoint::Missed& missed : second.missed)
         EXPECT_EQ(Status::queue_full, missed.status);
     // All of them hold the same bytes; what is on its way to the daemon is a copy.
-    ExpectGrowthOf(m_memory, before, 8 * WINDOW);
+    ExpectGrowthOf(m_memory, before, 10 * WINDOW);
     ExpectHealthyTrafficToBePrompt();
     ExpectHealthyTrafficToBePrompt(MIB);
     ExpectHealthyTrafficToBePrompt(PelmarEndpoint::MAX_BUS_MESSAGE_BYTES);
