@@ -26,9 +26,6 @@ constexpr std::size_t DAEMON_WINDOW = 1024UL * 1024;
 
 constexpr milliseconds ASK_LATER{300};
 
-// What a partner may have sent ahead of an answer: a window, or the largest message, and a bit.
-constexpr std::size_t AHEAD_OF_ANSWER_BYTES = 40UL * 1024 * 1024;
-
 // Strangers that were answered and may come back.
 constexpr std::size_t MOST_IDLE_STRANGERS = 64;
 
@@ -165,8 +162,8 @@ void PelmarEndpoint::Impl::TrafficCame(GDBusMessage* message)
 // With an answer it sends all that is ahead of it.
 bool PelmarEndpoint::Impl::TakeIn(Peer& peer, std::size_t cost)
 {
-    const std::size_t share =
-        peer.open_requests != 0 ? AHEAD_OF_ANSWER_BYTES : PartnerWindow::TRANSIT_BYTES;
+    const std::size_t share = peer.open_requests != 0 ? PartnerWindow::AHEAD_OF_ANSWER_BYTES
+                                                      : PartnerWindow::TRANSIT_BYTES;
     const bool has_share =
         m_handshake->Knows(peer.Name()) && (peer.waiting == 0 || peer.waiting + cost <= share);
     if (m_intake != 0 && m_intake + cost > m_settings.intake && !has_share) {

@@ -56,7 +56,7 @@ bool PartnerWindow::MayLeave(const Outgoing& item, bool may_call) const
     if (item.kind == Outgoing::Kind::request && !may_call)
         return false;
     // The partner may look at nothing else before it has the answer that waits behind this.
-    return IsAnswerWaiting() || fits(InTransit(), TRANSIT_BYTES);
+    return fits(InTransit(), IsAnswerWaiting() ? AHEAD_OF_ANSWER_BYTES : TRANSIT_BYTES);
 }
 
 bool PartnerWindow::MayLeaveThoughLarge(std::size_t cost) const

@@ -51,6 +51,8 @@ public:
 
     // How much is under way to a partner at a time, unless it is one message.
     static constexpr std::size_t TRANSIT_BYTES = 512UL * 1024;
+    // The same while an answer waits behind it.
+    static constexpr std::size_t AHEAD_OF_ANSWER_BYTES = 32UL * 1024 * 1024;
     static constexpr std::size_t ANSWER_TRANSIT_BYTES = 1024UL * 1024;
 
     // `bytes` of notifications and requests may wait, and `answer_bytes` of answers.

@@ -191,6 +191,18 @@ TEST_F(APartnerWindow, LetsEverythingLeaveThatIsAheadOfAnAnswer)
     EXPECT_FALSE(m_window.HasWaiting());
 }
 
+TEST_F(APartnerWindow, LetsNoMoreLeaveAheadOfAnAnswerThanThePartnerHasRoomFor)
+{
+    PartnerWindow large(100 * MIB, MIB, m_all);
+    for (int i = 0; i < 6; ++i)
+        ASSERT_TRUE(large.Take(Notification(10 * MIB)));
+    ASSERT_TRUE(large.Take(Answer(KIB)));
+    int left = 0;
+    while (large.Next(MAY_CALL) != nullptr)
+        ++left;
+    EXPECT_EQ(3, left);
+}
+
 TEST_F(APartnerWindow, HoldsAnswersBackThatAreNotRead)
 {
     for (int i = 0; i < 8; ++i)

@@ -2,6 +2,7 @@
 // to its question.
 
 #include <condition_variable>
+#include <cstring>
 
 #include "captured-log.h"
 #include "endpoint-fixture.h"
@@ -150,6 +151,41 @@ TEST_F(MessagesThatWait, AreDealtWithBeforeAQuestionOfTheirSenderIsAnswered)
     IterateUntil([&] { return answer.handled_before != -1; }, "the answer to the question");
     EXPECT_EQ(3, answer.handled_before);
     IterateUntil([&] { return call->Done(); }, "the answer to the call");
+}
+
+// An answer leaves together with what is ahead of it, and who is answered may send at once.
+TEST_F(EndpointTest, LosesNoNotificationsOfAPartnerThatItAsksMeanwhile)
+{
+    constexpr int count = 200;
+    Make(Role::service);
+    m_endpoint->SetIntake(1000 * KIB);
+    std::atomic<int> next{0};
+    m_endpoint->OnNotification([&](Message& message) {
+        int number = 0;
+        std::memcpy(&number, message.data.data(), sizeof(number));
+        EXPECT_EQ(next, number);
+        next = number + 1;
+        WakeTest();
+    });
+    m_endpoint->Start();
+    End client(Role::client);
+    client.endpoint.Start();
+    const Partner service = client.AwaitPartner();
+    m_news.Await("ready ");
+    const Partner partner = m_endpoint->Partners().front();
+    std::thread asks([&] {
+        while (next < count)
+            EXPECT_EQ(Status::ok, m_endpoint->Request(partner, {}, seconds(20)).status);
+    });
+    for (int number = 0; number < count; ++number) {
+        Bytes data(600 * KIB);
+        std::memcpy(data.data(), &number, sizeof(number));
+        while (client.endpoint.Notify(service, data) == Status::queue_full)
+            std::this_thread::yield();
+    }
+    IterateUntil([&] { return next == count; }, "all notifications");
+    asks.join();
+    EXPECT_THAT(m_news.Problems(), testing::IsEmpty());
 }
 
 }  // namespace
