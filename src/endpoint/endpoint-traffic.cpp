@@ -484,7 +484,7 @@ PelmarEndpoint::Call PelmarEndpoint::Impl::Request(const Partner& partner, Bytes
     Lock lock(m_mutex);
     Status status = Status::ok;
     const RequestPtr request = OpenNewRequest(partner, size, std::move(body), status);
-    request->done = done ? std::move(done) : [](Response /*response*/) {};
+    request->done = done ? std::move(done) : [](const Response& /*response*/) {};
     if (status == Status::ok) {
         request->deadline =
             At(deadline, [this, request] { Finish(request, Status::timeout, "", nullptr); });

@@ -303,10 +303,10 @@ void Handshake::Advance(const std::string& partner, Peer& peer, Actions& actions
 bool Handshake::IsAckSettled(const std::string& partner, Peer& peer, Actions& actions)
 {
     if (peer.answered && !peer.Owes(Stage::ack)) {
-        if (std::exchange(peer.syn_ack_again, false))
-            OweAck(peer);
-        else if (m_role == ChannelRole::service && !peer.acked && peer.ack_waited &&
-                 !std::exchange(peer.completed, true))
+        const bool may_wait =
+            m_role == ChannelRole::service && !peer.acked && peer.ack_waited && !peer.completed;
+        peer.completed = peer.completed || may_wait;
+        if (std::exchange(peer.syn_ack_again, false) || may_wait)
             OweAck(peer);
     }
     const bool awaits_peers =

@@ -17,7 +17,8 @@
 
 #include "pelmar-export.h"
 
-typedef struct _GMainContext GMainContext;
+// As GLib declares it.
+typedef struct _GMainContext GMainContext;  // NOLINT(bugprone-reserved-identifier)
 
 /// One end of a channel, with a bus connection and threads of its own. Its partners may be
 /// endpoints or plain channels (pelmar-dbus-local.h); on the bus it is a channel like any other,
