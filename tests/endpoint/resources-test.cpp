@@ -8,6 +8,7 @@
 
 #include "endpoint-fixture.h"
 #include "endpoint-process.h"
+#include "process-memory.h"
 #include "process-resources.h"
 
 namespace {
@@ -142,7 +143,14 @@ TEST_F(AMessageWithDescriptors, KeepsNoneOfThemOpenWhileItWaitsForTheHandler)
 
 // ---- None left -----------------------------------------------------------------------------
 
-class AProcessWithoutDescriptors : public EndpointTest {};
+class AProcessWithoutDescriptors : public EndpointTest {
+protected:
+    void SetUp() override
+    {
+        if (!MEMORY_IS_MEASURED)
+            GTEST_SKIP() << "a sanitizer needs a descriptor to look at an object's type";
+    }
+};
 
 TEST_F(AProcessWithoutDescriptors, CannotStartAnEndpointUntilItHasSome)
 {
