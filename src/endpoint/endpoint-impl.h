@@ -276,6 +276,7 @@ private:
 
     struct OwnPulse {
         int attempts = 0;
+        bool refused = false;
         std::optional<Clock::time_point> missing_since;
         std::string holder;
         int holder_seen = 0;
