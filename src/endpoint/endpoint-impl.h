@@ -197,8 +197,7 @@ private:
     PeerPtr FindPeer(const std::string& name) const;
     PeerPtr PeerNamed(const std::string& name);
     Status Admit(const Partner& partner, std::size_t size, PeerPtr& peer) const;
-    RequestPtr OpenNewRequest(const Partner& partner, std::size_t size, VariantPtr body,
-                              Status& status);
+    RequestPtr OpenNewRequest(const Partner& partner, Bytes data, Status& status);
     void Finish(const RequestPtr& request, Status status, const std::string& error,
                 MessagePtr answer);
     void RequestAnswered(const RequestPtr& request, GDBusMessage* answer);
@@ -276,7 +275,6 @@ private:
 
     struct OwnPulse {
         int attempts = 0;
-        bool refused = false;
         std::optional<Clock::time_point> missing_since;
         std::string holder;
         int holder_seen = 0;

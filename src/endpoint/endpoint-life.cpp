@@ -35,13 +35,7 @@ constexpr milliseconds CLOSE_PATIENCE{1000};
 constexpr int DESCRIPTORS_NEEDED = 6;
 
 constexpr auto CONNECTION_FLAGS = static_cast<GDBusConnectionFlags>(
-    G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-    G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION
-#if GLIB_CHECK_VERSION(2, 74, 0)
-    // As the process's shared connection: the daemon may be in another user namespace.
-    | G_DBUS_CONNECTION_FLAGS_CROSS_NAMESPACE
-#endif
-);
+    G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
 
 bool HasFreeDescriptors()
 {
@@ -180,11 +174,8 @@ void PelmarEndpoint::Impl::ConnectTo(const std::string& address)
     m_connect_timer = std::make_unique<LoopTimer>(*m_loop);
     m_connect_timer->Arm(CONNECT_PATIENCE,
                          [connecting = m_connecting.get()] { g_cancellable_cancel(connecting); });
-    const auto flags =
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-    g_dbus_connection_new_for_address(address.c_str(), flags, nullptr, m_connecting.get(),
-                                      cb_Connected, this);
+    g_dbus_connection_new_for_address(address.c_str(), CONNECTION_FLAGS, nullptr,
+                                      m_connecting.get(), cb_Connected, this);
 }
 
 void PelmarEndpoint::Impl::cb_Connected(GObject* /*source*/, GAsyncResult* result,
@@ -224,20 +215,24 @@ void PelmarEndpoint::Impl::ConnectionMade(Connection connection)
 {
     g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
     m_closed_handler = g_signal_connect(connection.get(), "closed", G_CALLBACK(cb_Closed), this);
-    const auto release = [](gpointer held) { delete static_cast<std::weak_ptr<Impl>*>(held); };
-    m_filter = g_dbus_connection_add_filter(connection.get(), cb_Message,
-                                            new std::weak_ptr<Impl>(weak_from_this()), release);
+    // Not the filter's to free: GIO would do that in this loop, also when the loop has ended.
+    auto* const self = new std::weak_ptr<Impl>(weak_from_this());
+    g_object_set_data_full(G_OBJECT(connection.get()), "pelmar-endpoint", self,
+                           [](gpointer held) { delete static_cast<std::weak_ptr<Impl>*>(held); });
+    m_filter = g_dbus_connection_add_filter(connection.get(), cb_Message, self, nullptr);
     static const GDBusInterfaceVTable vtable = {cb_LateCall, nullptr, nullptr, {}};
     m_object =
         g_dbus_connection_register_object(connection.get(), m_object_path.c_str(),
                                           ChannelInterface(), &vtable, nullptr, nullptr, nullptr);
     const bool is_closed = g_dbus_connection_is_closed(connection.get()) != FALSE;
+    if (is_closed)
+        m_loop->Post([this] { ConnectionClosed(); });
     const Lock lock(m_mutex);
-    if (m_stopped)
-        return;
     m_connection = std::move(connection);
     m_name = g_dbus_connection_get_unique_name(m_connection.get());
     ++m_session;
+    if (m_stopped)
+        return;
     m_reconnect_delay = FIRST_RECONNECT;
     ReportOver(Problem::bus_unreachable);
     m_handshake.emplace(ChannelRoleOf(m_role));
@@ -248,8 +243,6 @@ void PelmarEndpoint::Impl::ConnectionMade(Connection connection)
         }
     }
     Carry(m_handshake->Announce());
-    if (is_closed)
-        m_loop->Post([this] { ConnectionClosed(); });
 }
 
 // Nobody's pulse goes unheard any more.
@@ -456,7 +449,7 @@ void PelmarEndpoint::Impl::Shutdown()
         ReleaseConnection();
     }
     m_connect_timer.reset();
-    // GIO frees there what it was given; left undone, it would hold the context for ever.
+    // GIO's news that wait there hold the connection, and that the context: for ever.
     m_loop->RunWhatIsReady();
     m_loop->End();
 }

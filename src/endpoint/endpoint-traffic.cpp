@@ -437,10 +437,10 @@ PelmarEndpoint::Broadcast PelmarEndpoint::Impl::NotifyAll(Bytes data)
 }
 
 PelmarEndpoint::Impl::RequestPtr PelmarEndpoint::Impl::OpenNewRequest(const Partner& partner,
-                                                                      std::size_t size,
-                                                                      VariantPtr body,
-                                                                      Status& status)
+                                                                      Bytes data, Status& status)
 {
+    const std::size_t size = data.size();
+    VariantPtr body(g_variant_ref_sink(pelmar_bytes::Take(std::move(data))));
     auto request = std::make_shared<OpenRequest>(Outgoing::Kind::request, size, std::move(body));
     PeerPtr peer;
     status = Admit(partner, size, peer);
@@ -459,11 +459,9 @@ PelmarEndpoint::Response PelmarEndpoint::Impl::Request(const Partner& partner, B
                                                        milliseconds timeout)
 {
     const auto deadline = DeadlineAfter(timeout);
-    const std::size_t size = data.size();
-    VariantPtr body(g_variant_ref_sink(pelmar_bytes::Take(std::move(data))));
     Lock lock(m_mutex);
     Status status = Status::ok;
-    const RequestPtr request = OpenNewRequest(partner, size, std::move(body), status);
+    const RequestPtr request = OpenNewRequest(partner, std::move(data), status);
     if (status != Status::ok)
         return {status, {}, ToString(status)};
     Pump(request->peer.lock());
@@ -479,11 +477,9 @@ PelmarEndpoint::Call PelmarEndpoint::Impl::Request(const Partner& partner, Bytes
                                                    std::function<void(Response)> done)
 {
     const auto deadline = DeadlineAfter(timeout);
-    const std::size_t size = data.size();
-    VariantPtr body(g_variant_ref_sink(pelmar_bytes::Take(std::move(data))));
     Lock lock(m_mutex);
     Status status = Status::ok;
-    const RequestPtr request = OpenNewRequest(partner, size, std::move(body), status);
+    const RequestPtr request = OpenNewRequest(partner, std::move(data), status);
     request->done = done ? std::move(done) : [](const Response& /*response*/) {};
     if (status == Status::ok) {
         request->deadline =

@@ -64,16 +64,7 @@ void HandlerQueue::RunInThread()
         m_changed.wait(lock, [this] { return m_closed || !m_tasks.empty(); });
         if (m_closed)
             return;
-        Task task = std::move(m_tasks.front());
-        m_tasks.pop_front();
-        m_running = true;
-        lock.unlock();
-        RunInside(*task);
-        task.reset();
-        lock.lock();
-        m_running = false;
-        if (m_closed)
-            m_changed.notify_all();
+        RunFirst(lock);
     }
 }
 
@@ -84,6 +75,15 @@ void HandlerQueue::RunOne()
         m_scheduled = false;
         return;
     }
+    RunFirst(lock);
+    m_scheduled = false;
+    if (!m_closed && !m_tasks.empty())
+        Schedule();
+}
+
+// The lock is held before and after, and not while the task runs.
+void HandlerQueue::RunFirst(std::unique_lock<std::mutex>& lock)
+{
     Task task = std::move(m_tasks.front());
     m_tasks.pop_front();
     m_running = true;
@@ -92,11 +92,8 @@ void HandlerQueue::RunOne()
     task.reset();
     lock.lock();
     m_running = false;
-    m_scheduled = false;
     if (m_closed)
         m_changed.notify_all();
-    else if (!m_tasks.empty())
-        Schedule();
 }
 
 void HandlerQueue::RunInside(HandlerTask& task) const

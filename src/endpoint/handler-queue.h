@@ -46,6 +46,7 @@ private:
     void RunInThread();
     void Schedule();
     void RunOne();
+    void RunFirst(std::unique_lock<std::mutex>& lock);
     void RunInside(HandlerTask& task) const;
 
     const Executor m_executor;
