@@ -1,6 +1,7 @@
 // What the endpoint sends and receives: every outcome of Notify and Request, from any thread and
 // from inside the handlers, and the answers to messages.
 
+#include <atomic>
 #include <condition_variable>
 #include <future>
 
@@ -486,17 +487,30 @@ TEST_F(ARequest, TimesOutWhileTheDaemonIsStopped)
     EXPECT_EQ(Status::timeout, response.status);
 }
 
+// Keeps the calls of Send to itself, in GIO's thread.
+GDBusMessage* SwallowSend(GDBusConnection* /*connection*/, GDBusMessage* message, gboolean incoming,
+                          gpointer count)
+{
+    if (incoming == FALSE || g_strcmp0(g_dbus_message_get_member(message), "Send") != 0)
+        return message;
+    ++*static_cast<std::atomic<int>*>(count);
+    WakeTest();
+    g_object_unref(message);
+    return nullptr;
+}
+
 TEST_F(ARequest, LosesThePartnerThatGoesBeforeItAnswers)
 {
     ServeSilently();
+    std::atomic<int> calls{0};
+    g_dbus_connection_add_filter(m_partner.Connection(), SwallowSend, &calls, nullptr);
     StartWithPartner();
     auto waiting = std::async(std::launch::async,
                               [this] { return m_endpoint->Request(ThePartner(), {}, LONG); });
-    // The call has reached the partner's process when its answer is what is missing.
     std::promise<Response> promise;
     m_endpoint->Request(ThePartner(), {}, LONG,
                         [&](Response came) { promise.set_value(std::move(came)); });
-    Settle(m_partner);
+    IterateUntil([&] { return calls == 2; }, "both calls");
     m_partner.Leave();
     EXPECT_EQ(Status::partner_lost, promise.get_future().get().status);
     EXPECT_EQ(Status::partner_lost, waiting.get().status);
@@ -624,13 +638,15 @@ TEST_F(ARequest, FindsTheBusGone)
 TEST_F(ARequest, EndsWhenTheBusDiesUnderIt)
 {
     ServeSilently();
+    std::atomic<int> calls{0};
+    g_dbus_connection_add_filter(m_partner.Connection(), SwallowSend, &calls, nullptr);
     StartWithPartner();
     auto blocking = std::async(std::launch::async,
                                [this] { return m_endpoint->Request(ThePartner(), {}, LONG); });
     std::promise<Response> promise;
     m_endpoint->Request(ThePartner(), {}, LONG,
                         [&](Response came) { promise.set_value(std::move(came)); });
-    Settle(m_partner);
+    IterateUntil([&] { return calls == 2; }, "both calls");
     m_bus.Kill();
     EXPECT_EQ(Status::bus_gone, blocking.get().status);
     EXPECT_EQ(Status::bus_gone, promise.get_future().get().status);
