@@ -207,6 +207,21 @@ Credentials ReadCredentials(GDBusMessage* reply)
     return credentials;
 }
 
+GVariant* UnknownPartner()
+{
+    return g_variant_new_parsed("({'Unknown': <true>},)");
+}
+
+bool IsUnknownPartner(GDBusMessage* answer)
+{
+    if (!HasBody(answer, "(a{sv})"))
+        return false;
+    const VariantPtr all(g_variant_get_child_value(g_dbus_message_get_body(answer), 0));
+    gboolean is_unknown = FALSE;
+    g_variant_lookup(all.get(), "Unknown", "b", &is_unknown);
+    return is_unknown != FALSE;
+}
+
 std::string OwnerChangeRule(const std::string& name)
 {
     return "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"

@@ -94,6 +94,10 @@ struct Credentials {
 };
 Credentials ReadCredentials(GDBusMessage* reply);
 
+// What an endpoint answers to the question of one whom it does not know; nobody else answers so.
+GVariant* UnknownPartner();
+bool IsUnknownPartner(GDBusMessage* answer);
+
 // The match rule for the changes of a name's owner.
 std::string OwnerChangeRule(const std::string& name);
 

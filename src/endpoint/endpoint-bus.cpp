@@ -135,7 +135,11 @@ void PelmarEndpoint::Impl::TakeQuestion(GDBusMessage* message)
     if (!m_stopped)
         Carry(m_handshake->Asked(question.caller));
     const PeerPtr peer = FindPeer(question.caller);
-    if (!m_stopped && !m_handshake->MayAnswer(question.caller)) {
+    using Word = Handshake::Word;
+    const Word word = m_stopped ? Word::yes : m_handshake->WordFor(question.caller);
+    if (word == Word::unknown) {
+        TellUnknown(question);
+    } else if (word == Word::later) {
         if (m_strangers_questions.size() < MOST_QUESTIONS_OF_STRANGERS)
             m_strangers_questions.push_back(question);
         else
@@ -161,10 +165,23 @@ void PelmarEndpoint::Impl::RefuseQuestion(const bus_message::CallId& question)
                 .get());
 }
 
+void PelmarEndpoint::Impl::TellUnknown(const bus_message::CallId& question)
+{
+    SendNow(bus_message::Answer(question, bus_message::UnknownPartner()).get());
+}
+
 void PelmarEndpoint::Impl::AnswerStrangers()
 {
-    for (const bus_message::CallId& question : std::exchange(m_strangers_questions, {}))
-        AnswerQuestion(question);
+    using Word = Handshake::Word;
+    for (const bus_message::CallId& question : std::exchange(m_strangers_questions, {})) {
+        const Word word = m_handshake->WordFor(question.caller);
+        if (word == Word::yes)
+            AnswerQuestion(question);
+        else if (word == Word::unknown)
+            TellUnknown(question);
+        else
+            m_strangers_questions.push_back(question);
+    }
 }
 
 // A name of the other side was released: a pulse. A unique name was: the end of a partner.

@@ -7,7 +7,7 @@
 // holding it. Handlers run elsewhere (handler-queue.h). The connection itself is made and lost in
 // the loop's thread.
 //
-// Functions that begin with "Do" or are listed under "with the mutex held" want the mutex.
+// Functions that are listed under "with the mutex held" want the mutex.
 #ifndef PELMAR_ENDPOINT_IMPL_H
 #define PELMAR_ENDPOINT_IMPL_H
 
@@ -183,6 +183,7 @@ private:
                     const std::string& text);
     void AnswerQuestion(const bus_message::CallId& question);
     void RefuseQuestion(const bus_message::CallId& question);
+    void TellUnknown(const bus_message::CallId& question);
     void AnswerQuestions(Peer& peer);
     void ForgetIdleStrangers();
     bool TakeReply(Reply::State& reply);
@@ -232,7 +233,7 @@ private:
     const std::string m_object_path;
     Handlers m_handlers;
     Settings m_settings;
-    std::shared_ptr<HandlerQueue> m_queue;
+    const std::shared_ptr<HandlerQueue> m_queue = std::make_shared<HandlerQueue>();
 
     // Owned by the loop's thread.
     GObjectPtr<GCancellable> m_connecting;

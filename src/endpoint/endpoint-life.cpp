@@ -129,9 +129,8 @@ void PelmarEndpoint::Impl::Start()
                     hand_on = m_settings.executor](const std::function<void()>& task) {
             loop->Post([hand_on, task] { CallGuarded("executor", [&] { hand_on(task); }); });
         };
-    m_queue = std::make_shared<HandlerQueue>(std::move(executor));
     try {
-        m_queue->Open();
+        m_queue->Open(std::move(executor));
     } catch (...) {
         loop->Post([&loop] { loop->End(); });
         loop->Join();
@@ -139,9 +138,6 @@ void PelmarEndpoint::Impl::Start()
     }
     m_loop = std::move(loop);
     m_started = true;
-    for (HandlerQueue::Task& task : m_owed)
-        m_queue->Post(std::move(task));
-    m_owed.clear();
     m_timer = std::make_unique<LoopTimer>(*m_loop);
     m_loop->Post([this] { Connect(); });
     m_changed.wait(lock, [this] { return m_first_try_over || m_stopped; });
@@ -345,7 +341,8 @@ void PelmarEndpoint::Impl::ReleaseConnection()
 bool PelmarEndpoint::Impl::Stop(milliseconds flush)
 {
     Lock lock(m_mutex);
-    if (m_queue != nullptr && m_queue->IsInside()) {
+    const bool is_in_executor = m_loop != nullptr && m_loop->IsLoopThread();
+    if (m_queue->IsInside() || is_in_executor) {
         PELMAR_ERROR("An endpoint cannot be stopped inside one of its handlers\n\n",
                      PELMAR_AT(__func__));
         return false;
@@ -357,11 +354,11 @@ bool PelmarEndpoint::Impl::Stop(milliseconds flush)
     m_changed.notify_all();
     for (const RequestPtr& request : AllOpenRequests())
         Finish(request, Status::stopped, "", nullptr);
+    lock.unlock();
+    m_queue->Close();
+    AbandonReplies();
+    lock.lock();
     if (m_loop != nullptr) {
-        lock.unlock();
-        m_queue->Close();
-        AbandonReplies();
-        lock.lock();
         Flush(lock, flush);
         lock.unlock();
         m_loop->Post([this] { Shutdown(); });
@@ -370,8 +367,7 @@ bool PelmarEndpoint::Impl::Stop(milliseconds flush)
     }
     const std::deque<HandlerQueue::Task> owed = std::move(m_owed);
     lock.unlock();
-    for (const HandlerQueue::Task& task : owed)
-        task->Abandon();
+    m_queue->Abandon(owed);
     lock.lock();
     m_stop_ended = true;
     m_changed.notify_all();
@@ -536,7 +532,7 @@ void PelmarEndpoint::Impl::RunDueDeadlines()
 // What is still owed when the endpoint is stopped is told by the one who stops it.
 void PelmarEndpoint::Impl::Post(HandlerQueue::Task task)
 {
-    if (m_stopped || m_queue == nullptr)
+    if (m_stopped)
         m_owed.push_back(std::move(task));
     else
         m_queue->Post(std::move(task));

@@ -706,10 +706,12 @@ void PelmarEndpoint::Impl::PeerAnswered(const PeerPtr& peer, std::uint64_t posit
     if (is_from_daemon && error == bus_error::ACCESS_DENIED)
         peer->is_unaskable = true;
     using Answer = Handshake::Answer;
-    if (!m_stopped && !peer->ask_again)
-        Carry(m_handshake->Answered(peer->Name(), error.empty() ? Answer::yes
-                                                  : is_later    ? Answer::not_now
-                                                                : Answer::never));
+    if (!m_stopped && !peer->ask_again) {
+        const Answer unless_error =
+            bus_message::IsUnknownPartner(answer) ? Answer::unknown : Answer::yes;
+        const Answer if_error = is_later ? Answer::not_now : Answer::never;
+        Carry(m_handshake->Answered(peer->Name(), error.empty() ? unless_error : if_error));
+    }
     const bool is_gone = is_from_daemon && (error == bus_error::NAME_HAS_NO_OWNER ||
                                             error == bus_error::SERVICE_UNKNOWN);
     if (is_gone) {

@@ -21,9 +21,10 @@ HandlerQueue::~HandlerQueue()
         m_thread.detach();
 }
 
-void HandlerQueue::Open()
+void HandlerQueue::Open(Executor executor)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
+    m_executor = std::move(executor);
     m_open = true;
     if (!m_executor)
         m_thread =
@@ -88,7 +89,7 @@ void HandlerQueue::RunFirst(std::unique_lock<std::mutex>& lock)
     m_tasks.pop_front();
     m_running = true;
     lock.unlock();
-    RunInside(*task);
+    CallInside([&task] { task->Run(); });
     task.reset();
     lock.lock();
     m_running = false;
@@ -96,12 +97,20 @@ void HandlerQueue::RunFirst(std::unique_lock<std::mutex>& lock)
         m_changed.notify_all();
 }
 
-void HandlerQueue::RunInside(HandlerTask& task) const
+void HandlerQueue::CallInside(const std::function<void()>& function) const
 {
     const Inside inside{this, t_inside};
     t_inside = &inside;
-    task.Run();
+    function();
     t_inside = inside.outer;
+}
+
+void HandlerQueue::Abandon(const std::deque<Task>& tasks) const
+{
+    CallInside([&tasks] {
+        for (const Task& task : tasks)
+            task->Abandon();
+    });
 }
 
 bool HandlerQueue::IsInside() const
@@ -124,6 +133,5 @@ void HandlerQueue::Close()
     lock.unlock();
     if (thread.joinable())
         thread.join();
-    for (const Task& task : left)
-        task->Abandon();
+    Abandon(left);
 }

@@ -23,14 +23,14 @@ public:
     using Task = std::unique_ptr<HandlerTask>;
     using Executor = std::function<void(std::function<void()>)>;
 
-    // Without an executor it has a thread of its own.
-    explicit HandlerQueue(Executor executor) : m_executor(std::move(executor)) {}
+    HandlerQueue() = default;
     ~HandlerQueue();
     HandlerQueue(const HandlerQueue&) = delete;
     HandlerQueue& operator=(const HandlerQueue&) = delete;
 
-    // From now on tasks are run. Throws std::system_error when there can be no thread.
-    void Open();
+    // From now on tasks are run, without an executor in a thread of the queue's own. Throws
+    // std::system_error when there can be no thread.
+    void Open(Executor executor);
 
     // From any thread. A task that comes after Close is abandoned by the caller's thread.
     void Post(Task task);
@@ -38,6 +38,9 @@ public:
     // Waits for the task that runs and abandons, in order, those that have not begun. Not from
     // inside a task.
     void Close();
+
+    // Abandons tasks that it did not get.
+    void Abandon(const std::deque<Task>& tasks) const;
 
     // Whether the calling thread is inside a task of this queue.
     bool IsInside() const;
@@ -47,9 +50,9 @@ private:
     void Schedule();
     void RunOne();
     void RunFirst(std::unique_lock<std::mutex>& lock);
-    void RunInside(HandlerTask& task) const;
+    void CallInside(const std::function<void()>& function) const;
 
-    const Executor m_executor;
+    Executor m_executor;
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::deque<Task> m_tasks;

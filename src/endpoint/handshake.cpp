@@ -182,6 +182,9 @@ Handshake::Actions Handshake::Answered(const std::string& partner, Answer answer
     if (answer == Answer::yes) {
         peer.answered = true;
     } else {
+        // A client that has a service does not see another's SYN_ACK, but every SYN.
+        if (answer == Answer::unknown && !std::exchange(peer.was_unknown, true))
+            Introduce(peer, Stage::syn);
         const bool never = answer == Answer::never;
         peer.timer = never ? Timer::patience : Timer::ask_again;
         actions.push_back({never ? Kind::wait_patiently : Kind::wait_to_ask, Stage::syn, partner});
@@ -220,10 +223,14 @@ Handshake::Actions Handshake::Gone(const std::string& partner)
 }
 
 // A stranger knows of this side by a pulse that was meant for another. It is told by the SYN, and
-// must not take an answer for more before.
-bool Handshake::MayAnswer(const std::string& partner) const
+// must not take an answer for more before. Who has stopped to listen may have missed its pulse.
+Handshake::Word Handshake::WordFor(const std::string& partner) const
 {
-    return Knows(partner) || m_syn_shown || !m_listens_to_syn_ack;
+    if (Knows(partner))
+        return Word::yes;
+    if (!m_listens_to_syn_ack)
+        return Word::unknown;
+    return m_syn_shown ? Word::yes : Word::later;
 }
 
 // Nobody asks but an endpoint, and it asks whom it has wired up.
@@ -329,7 +336,7 @@ void Handshake::TakeAsReady(const std::string& partner, Peer& peer, Actions& act
     peer.timer = Timer::none;
     actions.push_back({Kind::tell_ready, Stage::syn, partner});
     if (m_role == ChannelRole::client && std::exchange(m_listens_to_syn_ack, false))
-        actions.push_back({Kind::stop_listening, Stage::syn_ack});
+        actions.insert(actions.end(), {{Kind::stop_listening, Stage::syn_ack}, {Kind::answer_all}});
 }
 
 std::string Handshake::Fingerprint() const
@@ -346,7 +353,7 @@ std::string Handshake::Fingerprint() const
         text += partner + "=";
         add({peer.owed[0], peer.owed[1], peer.owed[2], peer.met, peer.asking, peer.stale,
              peer.answered, peer.syn_ack_seen, peer.syn_ack_again, peer.acked, peer.completed,
-             peer.ack_waited, peer.has_traffic, peer.ready});
+             peer.ack_waited, peer.has_traffic, peer.ready, peer.was_unknown});
         text += static_cast<char>('0' + static_cast<char>(peer.timer));
     }
     return text;

@@ -21,8 +21,12 @@ public:
     enum class PulseResult { shown, missed, refused };
 
     // What became of a question: the partner's main loop has dealt with all that came before it;
-    // the partner, or the bus's policy, will never let it be answered; not now.
-    enum class Answer { yes, never, not_now };
+    // it has, and does not know this side; the partner, or the bus's policy, will never let it be
+    // answered; not now.
+    enum class Answer { yes, unknown, never, not_now };
+
+    // What a partner that asks is to be told: that it is known; nothing yet; that it is not.
+    enum class Word { yes, later, unknown };
 
     // What a partner's traffic is to the application.
     enum class Traffic { deliver, hold, of_stranger };
@@ -39,7 +43,7 @@ public:
             wait_to_ask,     // the same after a moment
             tell_ready,      // it is ready: tell, then deliver what was held of it
             tell_lost,
-            answer_all,     // questions that were held back may be answered
+            answer_all,     // WordFor those who were told nothing yet may have changed
             stop_listening  // the peers' SYN_ACK is not of interest any more
         };
 
@@ -73,9 +77,9 @@ public:
     Actions TimeOver(const std::string& partner);
     Actions Gone(const std::string& partner);
 
-    // `partner` asks the question of `ask`. Whether it may be answered at once; else at answer_all.
-    bool MayAnswer(const std::string& partner) const;
+    // `partner` asks the question of `ask`. What it is told, at once or at answer_all.
     Actions Asked(const std::string& partner);
+    Word WordFor(const std::string& partner) const;
 
     // A call or a notification of `partner` came.
     Actions TrafficCame(const std::string& partner);
@@ -115,6 +119,7 @@ private:
         bool ack_waited = false;  // no ACK is waited for any longer
         bool has_traffic = false;
         bool ready = false;
+        bool was_unknown = false;  // this side was introduced anew for it
         Timer timer = Timer::none;
     };
 

@@ -292,8 +292,8 @@ public:
     /// Status::stopped, as do all later ones; `done` of requests that are open is told the same,
     /// by the thread that calls Stop. What was sent before gets `flush` to leave. Bounded by
     /// `flush` and the handler that runs, whatever bus, daemon and partners do. The partners are
-    /// told lost, also when this process lives on. False inside a handler of this endpoint, and
-    /// nothing happens. May be called more than once.
+    /// told lost, also when this process lives on. False inside a handler, a `done` or the executor
+    /// of this endpoint, and nothing happens. May be called more than once.
     bool Stop(std::chrono::milliseconds flush = std::chrono::seconds(1));
 
     bool IsOnBus() const;

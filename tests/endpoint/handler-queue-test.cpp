@@ -37,15 +37,7 @@ struct Kept {
 
 class AHandlerQueue : public testing::Test {
 protected:
-    void Make(HandlerQueue::Executor executor = {})
-    {
-        m_queue = std::make_shared<HandlerQueue>(std::move(executor));
-    }
-    void TearDown() override
-    {
-        if (m_queue != nullptr)
-            m_queue->Close();
-    }
+    void TearDown() override { m_queue->Close(); }
 
     void Post(std::function<void()> run, const std::string& name = "")
     {
@@ -61,14 +53,13 @@ protected:
         settled.get_future().wait();
     }
 
-    std::shared_ptr<HandlerQueue> m_queue;
+    const std::shared_ptr<HandlerQueue> m_queue = std::make_shared<HandlerQueue>();
     std::string m_abandoned;
 };
 
 TEST_F(AHandlerQueue, RunsTasksInOrderInAThreadOfItsOwn)
 {
-    Make();
-    m_queue->Open();
+    m_queue->Open({});
     std::string done;
     std::thread::id thread;
     for (const char* name : {"a", "b", "c"})
@@ -84,11 +75,10 @@ TEST_F(AHandlerQueue, RunsTasksInOrderInAThreadOfItsOwn)
 TEST_F(AHandlerQueue, RunsNothingBeforeItIsOpen)
 {
     Kept kept;
-    Make(kept.Executor());
     bool done = false;
     Post([&done] { done = true; });
     EXPECT_TRUE(kept.functions.empty());
-    m_queue->Open();
+    m_queue->Open(kept.Executor());
     ASSERT_EQ(1U, kept.functions.size());
     kept.functions[0]();
     EXPECT_TRUE(done);
@@ -97,8 +87,7 @@ TEST_F(AHandlerQueue, RunsNothingBeforeItIsOpen)
 TEST_F(AHandlerQueue, HandsOneTaskAtATimeToAnExecutor)
 {
     Kept kept;
-    Make(kept.Executor());
-    m_queue->Open();
+    m_queue->Open(kept.Executor());
     std::string done;
     Post([&done] { done += "a"; });
     Post([&done] { done += "b"; });
@@ -114,8 +103,7 @@ TEST_F(AHandlerQueue, HandsOneTaskAtATimeToAnExecutor)
 TEST_F(AHandlerQueue, AbandonsInOrderWhatHasNotBegunWhenItIsClosed)
 {
     Kept kept;
-    Make(kept.Executor());
-    m_queue->Open();
+    m_queue->Open(kept.Executor());
     bool ran = false;
     Post([&ran] { ran = true; }, "a");
     Post([&ran] { ran = true; }, "b");
@@ -127,8 +115,7 @@ TEST_F(AHandlerQueue, AbandonsInOrderWhatHasNotBegunWhenItIsClosed)
 
 TEST_F(AHandlerQueue, AbandonsAtOnceWhatComesAfterItWasClosed)
 {
-    Make();
-    m_queue->Open();
+    m_queue->Open({});
     m_queue->Close();
     Post([] { FAIL(); }, "late");
     EXPECT_EQ("late", m_abandoned);
@@ -136,8 +123,7 @@ TEST_F(AHandlerQueue, AbandonsAtOnceWhatComesAfterItWasClosed)
 
 TEST_F(AHandlerQueue, WaitsForTheTaskThatRunsWhenItIsClosed)
 {
-    Make();
-    m_queue->Open();
+    m_queue->Open({});
     std::promise<void> begun;
     std::promise<void> go_on;
     std::atomic<bool> ended{false};
@@ -160,8 +146,7 @@ TEST_F(AHandlerQueue, WaitsForTheTaskThatRunsWhenItIsClosed)
 TEST_F(AHandlerQueue, WaitsForTheTaskThatAnExecutorRunsWhenItIsClosed)
 {
     Kept kept;
-    Make(kept.Executor());
-    m_queue->Open();
+    m_queue->Open(kept.Executor());
     std::promise<void> begun;
     std::promise<void> go_on;
     std::atomic<bool> ended{false};
@@ -188,8 +173,7 @@ TEST_F(AHandlerQueue, WaitsForTheTaskThatAnExecutorRunsWhenItIsClosed)
 
 TEST_F(AHandlerQueue, RunsNoTaskThatWaitsBehindTheOneThatRunsWhenItIsClosed)
 {
-    Make();
-    m_queue->Open();
+    m_queue->Open({});
     std::promise<void> begun;
     std::promise<void> go_on;
     Post([&] {
@@ -209,11 +193,10 @@ TEST_F(AHandlerQueue, RunsNoTaskThatWaitsBehindTheOneThatRunsWhenItIsClosed)
 
 TEST_F(AHandlerQueue, KnowsWhoIsInsideATask)
 {
-    Make();
-    m_queue->Open();
+    m_queue->Open({});
     Kept kept;
-    const auto other = std::make_shared<HandlerQueue>(kept.Executor());
-    other->Open();
+    const auto other = std::make_shared<HandlerQueue>();
+    other->Open(kept.Executor());
     std::vector<bool> inside;
     Post([&] {
         inside.push_back(m_queue->IsInside());
@@ -232,6 +215,19 @@ TEST_F(AHandlerQueue, KnowsWhoIsInsideATask)
     EXPECT_EQ((std::vector<bool>{true, false, true, true, false}), inside);
     EXPECT_FALSE(m_queue->IsInside());
     other->Close();
+}
+
+TEST_F(AHandlerQueue, CountsWhatItAbandonsAsInside)
+{
+    std::vector<bool> inside;
+    const auto note = [&] { inside.push_back(m_queue->IsInside()); };
+    m_queue->Post(std::make_unique<FunctionTask>([] {}, note));
+    m_queue->Close();
+    std::deque<HandlerQueue::Task> left;
+    left.push_back(std::make_unique<FunctionTask>([] {}, note));
+    m_queue->Abandon(left);
+    EXPECT_EQ((std::vector<bool>{true, true}), inside);
+    EXPECT_FALSE(m_queue->IsInside());
 }
 
 }  // namespace

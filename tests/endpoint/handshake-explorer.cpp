@@ -218,6 +218,11 @@ TEST_F(LongHandshakes, OfThreeEndpointsEndReadyWhateverTheOrder)
                  With(three, {&Plan::holder})});
 }
 
+TEST_F(LongHandshakes, OfTwoServicesAndAClientEndReady)
+{
+    ExpectSound({Of({SERVICE, SERVICE, CLIENT})});
+}
+
 TEST_F(LongHandshakes, OfThreeEndpointsEndReadyWhereOneCrashes)
 {
     const Plan three = InTurn(Of({SERVICE, CLIENT, CLIENT}));

@@ -10,6 +10,7 @@
 namespace {
 
 using Answer = Handshake::Answer;
+using Word = Handshake::Word;
 using Kind = Handshake::Action::Kind;
 using PulseResult = Handshake::PulseResult;
 using Traffic = Handshake::Traffic;
@@ -165,7 +166,8 @@ TEST_F(AClientsHandshake, WithAServiceThatComesLaterIsOverWithTheOwnSynAck)
 {
     Listen();
     ComeToTheQuestion();
-    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK"}), Answered(Answer::yes));
+    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK", "answer all"}),
+              Answered(Answer::yes));
 }
 
 TEST_F(AClientsHandshake, WithAServiceThatWasThereIsOverWithTheOwnAck)
@@ -174,7 +176,8 @@ TEST_F(AClientsHandshake, WithAServiceThatWasThereIsOverWithTheOwnAck)
     EXPECT_EQ((Lines{"meet " + ONE, "pulse ACK"}), Seen(Stage::syn_ack));
     EXPECT_EQ(Lines{"wait for ACK " + ONE}, Met());
     EXPECT_EQ(Lines{"ask " + ONE}, Shown(Stage::ack));
-    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK"}), Answered(Answer::yes));
+    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK", "answer all"}),
+              Answered(Answer::yes));
 }
 
 TEST_F(AClientsHandshake, GoesOnWithoutItsSynWhenTheServicesIsSeenFirst)
@@ -319,7 +322,8 @@ TEST_F(AClientsHandshake, DoesNotWaitForEverForAnAckThatCannotShow)
     EXPECT_EQ(Lines{"wait for ACK " + ONE}, Met());
     EXPECT_EQ(Lines{"retry ACK"}, Missed(Stage::ack));
     EXPECT_EQ(Lines{"ask " + ONE}, TimeOver());
-    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK"}), Answered(Answer::yes));
+    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK", "answer all"}),
+              Answered(Answer::yes));
     EXPECT_EQ(Lines{"pulse ACK"}, Retry(Stage::ack));
 }
 
@@ -331,7 +335,7 @@ TEST_F(AClientsHandshake, AcksASecondSynAckWhenTheServiceHasAnswered)
     EXPECT_EQ(Lines{"ask " + ONE}, Shown(Stage::ack));
     EXPECT_EQ(NOTHING, Seen(Stage::syn_ack));
     EXPECT_EQ((Lines{"wait for ACK " + ONE, "pulse ACK"}), Answered(Answer::yes));
-    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK"}), Shown(Stage::ack));
+    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK", "answer all"}), Shown(Stage::ack));
 }
 
 TEST_F(AClientsHandshake, IsNotConcernedWithTheAcksOfServices)
@@ -349,7 +353,7 @@ TEST_F(AClientsHandshake, GivesAPartnerTimeThatNeverAnswers)
     ComeToTheQuestion();
     EXPECT_EQ(Lines{"wait patiently " + ONE}, Answered(Answer::never));
     EXPECT_FALSE(m_machine.IsReady(ONE));
-    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK"}), TimeOver());
+    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK", "answer all"}), TimeOver());
 }
 
 TEST_F(AClientsHandshake, AsksAgainWhenItIsNotAnsweredNow)
@@ -358,7 +362,8 @@ TEST_F(AClientsHandshake, AsksAgainWhenItIsNotAnsweredNow)
     ComeToTheQuestion();
     EXPECT_EQ(Lines{"wait to ask " + ONE}, Answered(Answer::not_now));
     EXPECT_EQ(Lines{"ask " + ONE}, TimeOver());
-    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK"}), Answered(Answer::yes));
+    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK", "answer all"}),
+              Answered(Answer::yes));
 }
 
 TEST_F(AServicesHandshake, AsksAgainWhenTheAnswerIsOlderThanItsIntroduction)
@@ -473,27 +478,52 @@ TEST_F(AServicesHandshake, IsNotReadyTwiceWhenTheAnswerComesAfterThePartnersQues
     EXPECT_EQ(NOTHING, Asked());
 }
 
-TEST_F(AClientsHandshake, MayAnswerAStrangerOnlyWhenItsSynHasShown)
+TEST_F(AClientsHandshake, AnswersAStrangerOnlyWhenItsSynHasShown)
 {
     EXPECT_EQ(Lines{"pulse SYN"}, Announce());
-    EXPECT_FALSE(m_machine.MayAnswer(ONE));
+    EXPECT_EQ(Word::later, m_machine.WordFor(ONE));
     EXPECT_EQ((Lines{"meet " + ONE, "pulse SYN_ACK"}), Seen(Stage::syn));
-    EXPECT_TRUE(m_machine.MayAnswer(ONE));
-    EXPECT_FALSE(m_machine.MayAnswer(TWO));
+    EXPECT_EQ(Word::yes, m_machine.WordFor(ONE));
+    EXPECT_EQ(Word::later, m_machine.WordFor(TWO));
     EXPECT_EQ(Lines{"answer all"}, Shown(Stage::syn));
-    EXPECT_TRUE(m_machine.MayAnswer(TWO));
+    EXPECT_EQ(Word::yes, m_machine.WordFor(TWO));
 }
 
-TEST_F(AClientsHandshake, MayAnswerAStrangerWhenItHasAServiceThoughItsSynNeverShowed)
+TEST_F(AClientsHandshake, TellsAStrangerThatItIsUnknownOnceThereIsAService)
 {
     EXPECT_EQ(Lines{"pulse SYN"}, Announce());
     EXPECT_EQ((Lines{"meet " + ONE, "pulse SYN_ACK"}), Seen(Stage::syn));
     EXPECT_EQ(NOTHING, Missed(Stage::syn));
     EXPECT_EQ(NOTHING, Met());
     EXPECT_EQ(Lines{"ask " + ONE}, Shown(Stage::syn_ack));
-    EXPECT_FALSE(m_machine.MayAnswer(TWO));
-    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK"}), Answered(Answer::yes));
-    EXPECT_TRUE(m_machine.MayAnswer(TWO));
+    EXPECT_EQ(Word::later, m_machine.WordFor(TWO));
+    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK", "answer all"}),
+              Answered(Answer::yes));
+    EXPECT_EQ(Word::unknown, m_machine.WordFor(TWO));
+    EXPECT_EQ(Word::yes, m_machine.WordFor(ONE));
+    EXPECT_EQ((Lines{"meet " + TWO, "pulse SYN_ACK"}), Seen(Stage::syn, TWO));
+    EXPECT_EQ(Word::yes, m_machine.WordFor(TWO));
+}
+
+TEST_F(AServicesHandshake, IntroducesItselfByItsSynToWhomItIsUnknownButOnce)
+{
+    Listen();
+    ComeToTheQuestion();
+    EXPECT_EQ((Lines{"wait to ask " + ONE, "pulse SYN"}), Answered(Answer::unknown));
+    EXPECT_EQ(NOTHING, TimeOver());
+    EXPECT_EQ(Lines{"ask " + ONE}, Shown(Stage::syn));
+    EXPECT_EQ(Lines{"wait to ask " + ONE}, Answered(Answer::unknown));
+    EXPECT_EQ(Lines{"ask " + ONE}, TimeOver());
+    EXPECT_EQ(Lines{"wait for ACK " + ONE}, Answered(Answer::yes));
+}
+
+TEST_F(AServicesHandshake, GivesWhomItIsUnknownTimeToLearnOfIt)
+{
+    Listen();
+    ComeToTheQuestion();
+    EXPECT_EQ((Lines{"wait to ask " + ONE, "pulse SYN"}), Answered(Answer::unknown));
+    EXPECT_EQ(NOTHING, Shown(Stage::syn));
+    EXPECT_EQ(Lines{"ask " + ONE}, TimeOver());
 }
 
 // ---- Traffic -------------------------------------------------------------------------------
@@ -558,7 +588,8 @@ TEST_F(AClientsHandshake, StopsListeningToTheSynAckOnceWithTheFirstThatIsReady)
     Listen();
     EXPECT_TRUE(m_machine.IsListeningToSynAck());
     ComeToTheQuestion();
-    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK"}), Answered(Answer::yes));
+    EXPECT_EQ((Lines{"ready " + ONE, "stop listening SYN_ACK", "answer all"}),
+              Answered(Answer::yes));
     EXPECT_FALSE(m_machine.IsListeningToSynAck());
     EXPECT_EQ(NOTHING, Seen(Stage::syn_ack, TWO));
     EXPECT_FALSE(m_machine.Knows(TWO));

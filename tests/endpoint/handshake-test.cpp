@@ -471,6 +471,11 @@ protected:
     AClientEndpoint() { Start(Role::client); }
 };
 
+class TwoServiceEndpoints : public EndpointTest {
+protected:
+    TwoServiceEndpoints() { Start(Role::service); }
+};
+
 TEST_F(AClientEndpoint, CompletesWithAServiceWhoseAckIsLost)
 {
     BusActor squatter(m_bus);
@@ -479,6 +484,29 @@ TEST_F(AClientEndpoint, CompletesWithAServiceWhoseAckIsLost)
     EXPECT_EQ(OwnName(), service.WaitForLine("ready "));
     m_news.Await("ready " + service.Name());
     EXPECT_EQ(1U, m_news.Count("ready"));
+}
+
+// The one whose SYN_ACK comes second is not seen by a client that has a service.
+TEST_F(TwoServiceEndpoints, AreBothFoundByAClientThatComesLater)
+{
+    for (int round = 0; round < 10; ++round) {
+        News other_news;
+        PelmarEndpoint other(Role::service, CHANNEL);
+        other_news.Follow(other);
+        other.Start();
+        News client_news;
+        PelmarEndpoint client(Role::client, CHANNEL);
+        client_news.Follow(client);
+        client.Start();
+        client_news.Await("ready " + m_endpoint->Name());
+        client_news.Await("ready " + other.Name());
+        m_news.Await("ready " + client.Name());
+        other_news.Await("ready " + client.Name());
+        for (PelmarEndpoint* service : {m_endpoint.get(), &other})
+            EXPECT_EQ(1U, service->NotifyAll(BytesOf("of " + service->Name())).sent);
+        client_news.Await("notification of " + m_endpoint->Name());
+        client_news.Await("notification of " + other.Name());
+    }
 }
 
 }  // namespace

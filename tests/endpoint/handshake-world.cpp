@@ -22,6 +22,7 @@ enum class Request : std::uint8_t {
     meet,
     question,
     answer,
+    answer_unknown,
     notification,
     goodbye
 };
@@ -132,6 +133,8 @@ Handshake::Actions Apply(Handshake& machine, Event event, std::uint8_t about)
             return machine.Gone(partner);
         case Event::answered_yes:
             return machine.Answered(partner, Handshake::Answer::yes);
+        case Event::answered_unknown:
+            return machine.Answered(partner, Handshake::Answer::unknown);
         case Event::answered_never:
             return machine.Answered(partner, Handshake::Answer::never);
         case Event::answered_not_now:
@@ -532,6 +535,9 @@ void Bus::TakeRequest(World& world, std::size_t process, bool drop)
         case Request::answer:
             Deliver(world, about, Pack(Event::answered_yes, process));
             break;
+        case Request::answer_unknown:
+            Deliver(world, about, Pack(Event::answered_unknown, process));
+            break;
         case Request::notification:
             Notify(world, process, about);
             break;
@@ -642,10 +648,7 @@ void Bus::TakeEvent(World& world, std::size_t process)
     const auto event = KindOf<Event>(item);
     const Handshake& machine = m_machines.At(here.machine);
     if (event == Event::asked) {
-        if (machine.MayAnswer(BusNameOf(about)))
-            Answer(world, process, about);
-        else
-            Add(here.asked, about);
+        Answer(world, process, about);
         return;
     }
     if (event == Event::gone) {
@@ -796,11 +799,19 @@ void Bus::AnswerAll(World& world, std::size_t process)
 void Bus::Answer(World& world, std::size_t process, std::size_t asker)
 {
     Process& here = world.processes[process];
+    const Handshake& machine = m_machines.At(here.machine);
+    const Handshake::Word word = machine.WordFor(BusNameOf(asker));
+    if (word == Handshake::Word::later) {
+        Add(here.asked, asker);
+        return;
+    }
+    const bool is_known = word == Handshake::Word::yes;
     if (m_takes_notes)
-        m_notes += (m_notes.empty() ? "answers " : ", answers ") + NameOf(asker);
-    if (m_machines.At(here.machine).Knows(BusNameOf(asker)))
+        m_notes += std::string(m_notes.empty() ? "" : ", ") +
+                   (is_known ? "answers " : "does not know ") + NameOf(asker);
+    if (machine.Knows(BusNameOf(asker)))
         Feed(world, process, Event::asked, static_cast<std::uint8_t>(asker));
-    here.to_bus.Push(Pack(Request::answer, asker));
+    here.to_bus.Push(Pack(is_known ? Request::answer : Request::answer_unknown, asker));
 }
 
 // ---- What must not be ----------------------------------------------------------------------
@@ -994,11 +1005,12 @@ std::string Bus::Describe(const World& world, const Step& step) const
         case Step::Kind::bus: {
             const std::uint8_t item = process.to_bus.items[0];
             const auto kind = KindOf<Request>(item);
-            constexpr std::array<const char*, 9> texts = {"listen to ", "listen no more to ",
-                                                          "acquire ",   "release ",
-                                                          "meet ",      "ask ",
-                                                          "answer ",    "notify ",
-                                                          "goodbye"};
+            constexpr std::array<const char*, 10> texts = {
+                "listen to ", "listen no more to ",
+                "acquire ",   "release ",
+                "meet ",      "ask ",
+                "answer ",    "tell that it does not know ",
+                "notify ",    "goodbye"};
             std::string text = "the bus takes of " + who + ": ";
             text += texts[static_cast<std::size_t>(kind)];
             if (kind <= Request::release)
@@ -1010,7 +1022,7 @@ std::string Bus::Describe(const World& world, const Step& step) const
         case Step::Kind::take: {
             const std::uint8_t item = process.from_bus.items[0];
             const auto kind = KindOf<Event>(item);
-            constexpr std::array<const char*, 15> texts = {"",
+            constexpr std::array<const char*, 16> texts = {"",
                                                            "SYN of ",
                                                            "SYN_ACK of ",
                                                            "ACK of ",
@@ -1020,6 +1032,7 @@ std::string Bus::Describe(const World& world, const Step& step) const
                                                            "has met ",
                                                            "gone: ",
                                                            "answer of ",
+                                                           "is not known to ",
                                                            "refused: question to ",
                                                            "not now: question to ",
                                                            "",

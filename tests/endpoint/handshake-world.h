@@ -157,6 +157,7 @@ public:
         met,
         gone,
         answered_yes,
+        answered_unknown,
         answered_never,
         answered_not_now,
         time_over,

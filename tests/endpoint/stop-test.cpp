@@ -163,6 +163,36 @@ TEST_F(StopTest, IsRefusedInsideEveryHandler)
     EXPECT_TRUE(m_endpoint->Stop());
 }
 
+TEST_F(StopTest, IsRefusedInsideWhatItTellsItself)
+{
+    Start();
+    m_partner.Serve(CHANNEL, [](const Bytes&) { return Bytes(); });
+    MakeReady(m_partner);
+    std::vector<std::string> told;
+    m_endpoint->Request(PartnerOf(m_partner), {}, TEST_DEADLINE, [&](const Response& response) {
+        told.push_back(PelmarEndpoint::ToString(response.status));
+        told.push_back(m_endpoint->Stop() ? "stopped" : "refused");
+    });
+    EXPECT_TRUE(m_endpoint->Stop());
+    EXPECT_EQ((std::vector<std::string>{PelmarEndpoint::ToString(Status::stopped), "refused"}),
+              told);
+    EXPECT_EQ(1U, ErrorsWith("cannot be stopped inside one of its handlers"));
+}
+
+TEST_F(StopTest, IsRefusedInsideTheExecutor)
+{
+    Make(Role::service);
+    m_endpoint->RunHandlersIn([this](const std::function<void()>& task) {
+        m_news.Add(m_endpoint->Stop() ? "stopped" : "refused");
+        task();
+    });
+    m_endpoint->Start();
+    PulseHandshake(m_partner);
+    m_news.Await("refused");
+    m_news.Await("ready ");
+    EXPECT_TRUE(m_endpoint->Stop());
+}
+
 TEST_F(StopTest, OfOneEndpointInsideAHandlerOfAnotherIsAllowed)
 {
     PelmarEndpoint other(Role::service, "other");

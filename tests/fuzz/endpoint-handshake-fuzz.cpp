@@ -94,7 +94,8 @@ private:
     void Answer(const std::string& partner)
     {
         using Answer = Handshake::Answer;
-        constexpr std::array<Answer, 3> answers = {Answer::yes, Answer::never, Answer::not_now};
+        constexpr std::array<Answer, 4> answers = {Answer::yes, Answer::never, Answer::not_now,
+                                                   Answer::unknown};
         m_asking.erase(partner);
         Carry(m_machine.Answered(partner, answers[m_input.Below(answers.size())]));
     }
@@ -108,7 +109,7 @@ private:
         if (m_input.Below(2) == 0) {
             Carry(m_machine.TrafficCame(partner));
             FUZZ_ASSERT(m_met.count(partner) == 0 || m_machine.IsReady(partner));
-        } else if (m_machine.MayAnswer(partner)) {
+        } else if (m_machine.WordFor(partner) == Handshake::Word::yes) {
             Carry(m_machine.Asked(partner));
         }
     }
@@ -171,7 +172,7 @@ private:
                 m_lost.insert(action.partner);
                 break;
             case Kind::answer_all:
-                FUZZ_ASSERT(m_machine.MayAnswer("a stranger"));
+                FUZZ_ASSERT(m_machine.WordFor("a stranger") != Handshake::Word::later);
                 break;
             case Kind::stop_listening:
                 FUZZ_ASSERT(m_role == ChannelRole::client && !m_ready.empty());

@@ -58,6 +58,7 @@ void TryMessage(std::string bytes)
     FUZZ_ASSERT(!bus_message::Number(message) || bus_message::ErrorName(message).empty());
     bus_message::ReadOwnerChange(message);
     bus_message::ReadCredentials(message);
+    bus_message::IsUnknownPartner(message);
     if (bus_message::IsCall(message))
         TryAnswering(message);
 }
