@@ -89,10 +89,16 @@ bool PelmarEndpoint::Impl::TakeMessage(GDBusConnection* connection, GDBusMessage
 
 bool PelmarEndpoint::Impl::TakeAnswer(GDBusMessage* answer)
 {
-    const auto node = m_calls.extract(g_dbus_message_get_reply_serial(answer));
-    if (node.empty())
+    const auto found = m_calls.find(g_dbus_message_get_reply_serial(answer));
+    if (found == m_calls.end())
         return false;
-    node.mapped()(answer);
+    // A bus may let others answer, too.
+    if (found->second.from != g_dbus_message_get_sender(answer) &&
+        !bus_message::IsFromDaemon(answer))
+        return true;
+    const OnAnswer on_answer = std::move(found->second.on_answer);
+    m_calls.erase(found);
+    on_answer(answer);
     return true;
 }
 
@@ -513,21 +519,22 @@ void PelmarEndpoint::Impl::EndPeersNotIn(GDBusMessage* names)
 // ---- What is sent --------------------------------------------------------------------------
 
 // The serial, 0 when the connection is closed.
-guint32 PelmarEndpoint::Impl::SendNow(GDBusMessage* message)
+guint32 PelmarEndpoint::Impl::SendNow(GDBusMessage* message, OnAnswer on_answer)
 {
-    volatile guint32 serial = 0;
+    volatile guint32 used = 0;
     if (m_connection == nullptr ||
         g_dbus_connection_send_message(m_connection.get(), message, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
-                                       &serial, nullptr) == FALSE)
+                                       &used, nullptr) == FALSE)
         return 0;
+    const guint32 serial = used;
+    if (on_answer)
+        m_calls[serial] = {g_dbus_message_get_destination(message), std::move(on_answer)};
     return serial;
 }
 
 void PelmarEndpoint::Impl::CallDaemon(const char* method, GVariant* parameters, OnAnswer on_answer)
 {
-    const guint32 serial = SendNow(bus_message::ToDaemon(method, parameters).get());
-    if (serial != 0)
-        m_calls.emplace(serial, std::move(on_answer));
+    SendNow(bus_message::ToDaemon(method, parameters).get(), std::move(on_answer));
 }
 
 // Without an answer.

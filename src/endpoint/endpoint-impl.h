@@ -108,6 +108,10 @@ private:
     using Clock = Deadlines::Clock;
     using Connection = GObjectPtr<GDBusConnection>;
     using OnAnswer = std::function<void(GDBusMessage* answer)>;
+    struct AwaitedAnswer {
+        std::string from;
+        OnAnswer on_answer;
+    };
     using PeerPtr = std::shared_ptr<Peer>;
     using RequestPtr = std::shared_ptr<OpenRequest>;
 
@@ -218,7 +222,7 @@ private:
     void AnswerWith(const PeerPtr& peer, const bus_message::CallId& call, MessagePtr message);
 
     // What is sent, with the mutex held.
-    guint32 SendNow(GDBusMessage* message);
+    guint32 SendNow(GDBusMessage* message, OnAnswer on_answer = {});
     void CallDaemon(const char* method, GVariant* parameters, OnAnswer on_answer);
     void TellDaemon(const char* method, GVariant* parameters);
     bool DaemonHasRoom() const;
@@ -267,8 +271,8 @@ private:
     std::string m_name;
     std::optional<Handshake> m_handshake;
     std::unordered_map<std::string, PeerPtr> m_peers;
-    std::vector<PeerPtr> m_ready;  // in that order
-    std::unordered_map<guint32, OnAnswer> m_calls;
+    std::vector<PeerPtr> m_ready;                        // in that order
+    std::unordered_map<guint32, AwaitedAnswer> m_calls;  // by serial
     std::vector<bus_message::CallId> m_strangers_questions;
     bool m_rules_are_short = false;
     int m_first_rules = 0;    // those of the names that are not in force yet

@@ -604,12 +604,10 @@ void PelmarEndpoint::Impl::Leave(const PeerPtr& peer, const PartnerWindow::Item&
         case Outgoing::Kind::notification: {
             const auto& notification = static_cast<OutgoingBody&>(*item);
             const guint32 serial = SendNow(
-                bus_message::Signal(peer->Name(), m_object_path, notification.body.get()).get());
-            if (serial == 0)
-                return;
-            peer->notified.emplace_back(item->position, serial);
-            m_calls.emplace(
-                serial, [this, peer](GDBusMessage* error) { NotificationRefused(peer, error); });
+                bus_message::Signal(peer->Name(), m_object_path, notification.body.get()).get(),
+                [this, peer](GDBusMessage* error) { NotificationRefused(peer, error); });
+            if (serial != 0)
+                peer->notified.emplace_back(item->position, serial);
             return;
         }
         case Outgoing::Kind::request: {
@@ -620,11 +618,8 @@ void PelmarEndpoint::Impl::Leave(const PeerPtr& peer, const PartnerWindow::Item&
             request->sent = true;
             ++m_open_requests;
             ++peer->open_requests;
-            const guint32 serial = SendNow(call.get());
-            if (serial != 0)
-                m_calls.emplace(serial, [this, request](GDBusMessage* answer) {
-                    RequestAnswered(request, answer);
-                });
+            SendNow(call.get(),
+                    [this, request](GDBusMessage* answer) { RequestAnswered(request, answer); });
         }
     }
 }
@@ -682,14 +677,14 @@ void PelmarEndpoint::Impl::AskPeer(const PeerPtr& peer)
     const MessagePtr question =
         bus_message::Call(peer->Name(), m_object_path, "org.freedesktop.DBus.Properties", "GetAll",
                           g_variant_new("(s)", CHANNEL_INTERFACE));
-    const guint32 serial = SendNow(question.get());
+    const std::uint64_t position = peer->window.Ask();
+    const guint32 serial = SendNow(question.get(), [this, peer, position](GDBusMessage* answer) {
+        PeerAnswered(peer, position, answer);
+    });
     if (serial == 0)
         return;
     peer->asking = true;
     ++m_open_questions;
-    m_calls.emplace(serial, [this, peer, position = peer->window.Ask()](GDBusMessage* answer) {
-        PeerAnswered(peer, position, answer);
-    });
 }
 
 void PelmarEndpoint::Impl::PeerAnswered(const PeerPtr& peer, std::uint64_t position,
@@ -735,10 +730,16 @@ void PelmarEndpoint::Impl::NotificationRefused(const PeerPtr& peer, GDBusMessage
     if (peer->gone)
         return;
     const std::string name = peer->Name();
+    const std::string reason = bus_message::ErrorName(error);
     PELMAR_DEBUG("A notification to %s was refused: %s\n\n", PELMAR_AT(__func__), name.c_str(),
-                 bus_message::ErrorName(error).c_str());
+                 reason.c_str());
+    if (reason == bus_error::ACCESS_DENIED)
+        Report(Problem::name_refused,
+               "the bus does not let this process send notifications to " + name +
+                   ": install the policy of the channel for this process's user",
+               m_object_path);
     EndPeer(name);
-    if (bus_message::ErrorName(error) == bus_error::LIMITS_EXCEEDED && !m_stopped)
+    if (reason == bus_error::LIMITS_EXCEEDED && !m_stopped)
         Carry(m_handshake->PulseSeen(Stage::syn, name));
 }
 

@@ -200,7 +200,7 @@ public:
     /// the remedy, is logged as an error as well, and is reported once for as long as it lasts.
     enum class Problem {
         bus_unreachable,  ///< no bus daemon at the address, or it does not let the process in
-        name_refused,     ///< the bus's policy forbids one of the channel's names
+        name_refused,     ///< the bus's policy forbids a name of the channel, or to send on it
         rule_limit,       ///< the bus daemon takes no more match rules
         intake_full,      ///< messages come in faster than the handlers deal with them
         name_taken,   ///< somebody holds one of the channel's names, which are to be pulsed only

@@ -47,6 +47,29 @@ TEST_F(AnEndpointThatMayNotOwnItsNames, SaysSoOnceWithTheRemedyWhileItLasts)
     EXPECT_EQ(1U, ErrorsWith("does not let this process own"));
 }
 
+class AnEndpointThatMayNotNotify : public EndpointTest {
+protected:
+    AnEndpointThatMayNotNotify()
+        : EndpointTest(
+              "<policy context=\"mandatory\">"
+              "<deny send_interface=\"org.vaska.pelmar.DbusCommunication\" send_member=\"SendSignal\"/>"
+              "</policy>")
+    {
+    }
+};
+
+TEST_F(AnEndpointThatMayNotNotify, SaysSoAndTakesThePartnerAsLost)
+{
+    Start();
+    BusActor partner(m_bus);
+    MakeReady(partner);
+    EXPECT_EQ(Status::ok, m_endpoint->Notify(PartnerOf(partner), {}));
+    m_news.Await("lost ");
+    EXPECT_THAT(m_news.Of("problem "),
+                ElementsAre(AllOf(HasSubstr("notifications"), HasSubstr("install the policy"))));
+    EXPECT_THAT(m_news.Problems(), ElementsAre(Problem::name_refused));
+}
+
 // ---- A name that is held -------------------------------------------------------------------
 
 class AnEndpointWhoseNameIsHeld : public EndpointTest {};

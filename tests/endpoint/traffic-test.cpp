@@ -652,6 +652,47 @@ TEST_F(ARequest, EndsWhenTheBusDiesUnderIt)
     EXPECT_EQ(Status::bus_gone, promise.get_future().get().status);
 }
 
+class ABusThatLetsAnybodyAnswer : public EndpointTest {
+protected:
+    ABusThatLetsAnybodyAnswer()
+        : EndpointTest(
+              "<policy context=\"mandatory\"><allow send_requested_reply=\"false\"/>"
+              "<allow receive_requested_reply=\"false\"/></policy>")
+    {
+    }
+};
+
+TEST_F(ABusThatLetsAnybodyAnswer, DoesNotBringAnAnswerOfAnotherThanThePartner)
+{
+    BusActor partner(m_bus);
+    BusActor forger(m_bus);
+    Start();
+    partner.Serve(CHANNEL, [this, &forger](const Bytes&) {
+        for (guint32 serial = 1; serial < 200; ++serial) {
+            GDBusMessage* answer = g_dbus_message_new();
+            g_dbus_message_set_message_type(answer, G_DBUS_MESSAGE_TYPE_METHOD_RETURN);
+            g_dbus_message_set_destination(answer, OwnName().c_str());
+            g_dbus_message_set_reply_serial(answer, serial);
+            g_dbus_message_set_body(answer, BusActor::Body(BytesOf("forged")));
+            g_dbus_connection_send_message(forger.Connection(), answer,
+                                           G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+            g_object_unref(answer);
+        }
+        forger.Settle();
+        return BytesOf("true");
+    });
+    MakeReady(partner);
+    std::atomic<bool> is_told{false};
+    Response response;
+    m_endpoint->Request(PartnerOf(partner), {}, TEST_DEADLINE, [&](Response came) {
+        response = std::move(came);
+        is_told = true;
+        WakeTest();
+    });
+    IterateUntil([&] { return is_told.load(); }, "the answer");
+    EXPECT_EQ("true", TextOf(response.data)) << response.error;
+}
+
 TEST_F(ARequest, FindsTheEndpointStopped)
 {
     StartWithPartner();
