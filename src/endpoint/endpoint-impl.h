@@ -130,7 +130,7 @@ private:
     void Shutdown();
     void RunDueDeadlines();
     void RearmTimer();
-    void Flush(Lock& lock, std::chrono::milliseconds patience);
+    void Flush(Lock& lock);
     std::vector<RequestPtr> AllOpenRequests() const;
 
     // With the mutex held.
@@ -257,6 +257,7 @@ private:
     bool m_was_off_bus = false;
     bool m_stopped = false;
     bool m_stop_ended = false;
+    std::chrono::milliseconds m_flush_patience = std::chrono::hours(24);  // the shortest of all
     std::unique_ptr<EventLoop> m_loop;
     Deadlines m_deadlines;
     std::optional<Clock::time_point> m_armed_for;

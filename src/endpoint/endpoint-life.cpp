@@ -347,7 +347,9 @@ bool PelmarEndpoint::Impl::Stop(milliseconds flush)
                      PELMAR_AT(__func__));
         return false;
     }
+    m_flush_patience = std::min(m_flush_patience, flush);
     if (std::exchange(m_stopped, true)) {
+        m_changed.notify_all();
         m_changed.wait(lock, [this] { return m_stop_ended; });
         return true;
     }
@@ -359,7 +361,7 @@ bool PelmarEndpoint::Impl::Stop(milliseconds flush)
     AbandonReplies();
     lock.lock();
     if (m_loop != nullptr) {
-        Flush(lock, flush);
+        Flush(lock);
         lock.unlock();
         m_loop->Post([this] { Shutdown(); });
         m_loop->Join();
@@ -400,7 +402,7 @@ std::vector<PelmarEndpoint::Impl::RequestPtr> PelmarEndpoint::Impl::AllOpenReque
 
 // Waits until the daemon has all that was sent; the partners' windows stay in force, since a daemon
 // that is given more than it can pass on may pass on nothing.
-void PelmarEndpoint::Impl::Flush(Lock& lock, milliseconds patience)
+void PelmarEndpoint::Impl::Flush(Lock& lock)
 {
     const auto is_flushed = [this] {
         if (m_connection == nullptr || m_is_closed)
@@ -412,8 +414,9 @@ void PelmarEndpoint::Impl::Flush(Lock& lock, milliseconds patience)
             ConfirmDaemon();
         return !is_waiting && m_given == m_taken;
     };
-    const milliseconds longest = std::chrono::hours(24);
-    m_changed.wait_for(lock, std::clamp(patience, milliseconds(0), longest), is_flushed);
+    const auto start = Clock::now();
+    while (!is_flushed() && Clock::now() < start + m_flush_patience)
+        m_changed.wait_until(lock, start + m_flush_patience);
 }
 
 void PelmarEndpoint::Impl::Shutdown()

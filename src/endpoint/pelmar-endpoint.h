@@ -293,7 +293,8 @@ public:
     /// by the thread that calls Stop. What was sent before gets `flush` to leave. Bounded by
     /// `flush` and the handler that runs, whatever bus, daemon and partners do. The partners are
     /// told lost, also when this process lives on. False inside a handler, a `done` or the executor
-    /// of this endpoint, and nothing happens. May be called more than once.
+    /// of this endpoint, and nothing happens. May be called more than once; of calls at the same
+    /// time the shortest `flush` counts, and each returns at the end.
     bool Stop(std::chrono::milliseconds flush = std::chrono::seconds(1));
 
     bool IsOnBus() const;

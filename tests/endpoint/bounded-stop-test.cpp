@@ -211,4 +211,19 @@ TEST_F(ABoundedStop, TellsTheCallersOfDeferredMessagesThatItLeft)
     EXPECT_FALSE(replies.front().IsWanted());
 }
 
+// What is sent to a stopped daemon cannot leave.
+TEST_F(ABoundedStop, IsAsPatientAsTheLeastPatientOfTwo)
+{
+    Start();
+    BusActor partner(m_bus);
+    MakeReady(partner);
+    m_bus.Daemon().Signal(SIGSTOP);
+    EXPECT_EQ(Status::ok, m_endpoint->Notify(PartnerOf(partner), {}));
+    auto patient = std::async(std::launch::async, [this] { return m_endpoint->Stop(seconds(50)); });
+    IterateUntil([this] { return m_endpoint->Name().empty(); }, "the first of them");
+    ExpectStopIn(FLUSH);
+    EXPECT_TRUE(patient.get());
+    m_bus.Daemon().Signal(SIGCONT);
+}
+
 }  // namespace
