@@ -24,10 +24,9 @@ std::thread QuietThread(const char* name, Function function)
         ~Restore() { pthread_sigmask(SIG_SETMASK, &mask, nullptr); }
         const sigset_t& mask;
     } restore{before};
-    return std::thread([name, function = std::move(function)] {
-        pthread_setname_np(pthread_self(), name);
-        function();
-    });
+    std::thread thread(std::move(function));
+    pthread_setname_np(thread.native_handle(), name);
+    return thread;
 }
 
 #endif
