@@ -27,7 +27,8 @@ typedef struct _GMainContext GMainContext;  // NOLINT(bugprone-reserved-identifi
 /// - it sees to it that the handshake ends, and calls a partner ready only when that partner has
 ///   this side wired up (docs/protocol.md; with plain partners there are limits, named there);
 /// - it keeps what is sent to a partner in that partner's window and gives it to the bus as the
-///   partner deals with it, so that one who stops reading costs its window and nothing else;
+///   partner deals with it, so that one who stops reading costs its window and nothing else (but
+///   see the limits in docs/protocol.md where more than 70 do so at once);
 /// - its functions may be called from any thread and say what came of them;
 /// - it ends safely, and it survives the end of the bus daemon and returns to the next one.
 ///
