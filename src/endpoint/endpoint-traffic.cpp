@@ -16,9 +16,8 @@ using std::chrono::milliseconds;
 
 // The stock system bus lets a connection have 128 calls open, of requests and questions together.
 // From so many requests on, a partner has one at a time.
-constexpr std::size_t FEW_OPEN_REQUESTS = 56;
+constexpr std::size_t FEW_OPEN_REQUESTS = 28;
 constexpr std::size_t MOST_OPEN_REQUESTS = 72;
-constexpr std::size_t MOST_OPEN_REQUESTS_OF_ONE = 28;
 constexpr std::size_t MOST_OPEN_CALLS = 120;
 
 // How much GIO and the daemon may hold that the daemon has not taken for sure.
@@ -629,8 +628,7 @@ bool PelmarEndpoint::Impl::MayCall(const Peer& peer) const
     if (m_open_requests >= MOST_OPEN_REQUESTS ||
         m_open_requests + m_open_questions >= MOST_OPEN_CALLS)
         return false;
-    return peer.open_requests == 0 ||
-           (peer.open_requests < MOST_OPEN_REQUESTS_OF_ONE && m_open_requests < FEW_OPEN_REQUESTS);
+    return peer.open_requests == 0 || m_open_requests < FEW_OPEN_REQUESTS;
 }
 
 bool PelmarEndpoint::Impl::MayAsk() const

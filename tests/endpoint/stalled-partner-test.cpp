@@ -174,6 +174,21 @@ TEST_F(AStalledPartner, TakesNoCallsFromTheOthersByRequestsThatTimeOut)
     ExpectHealthyTrafficToBePrompt();
 }
 
+TEST_F(AStalledPartner, LeavesCallsToTheOthersAlsoWhereManyHaveRequestsThatTimeOut)
+{
+    std::atomic<int> told{0};
+    for (int i = 0; i < 24; ++i) {
+        const Partner stalled = Stall();
+        for (int j = 0; j < 30; ++j)
+            m_endpoint->Request(stalled, {}, milliseconds(100), [&](const Response&) {
+                ++told;
+                WakeTest();
+            });
+    }
+    IterateUntil([&] { return told == 24 * 30; }, "the end of all requests");
+    ExpectHealthyTrafficToBePrompt();
+}
+
 TEST_F(AStalledPartner, IsToldOfRoomAndGetsEverythingInOrderWhenItGoesOn)
 {
     const Partner stalled = Stall();
