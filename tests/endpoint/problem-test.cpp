@@ -52,7 +52,8 @@ protected:
     AnEndpointThatMayNotNotify()
         : EndpointTest(
               "<policy context=\"mandatory\">"
-              "<deny send_interface=\"org.vaska.pelmar.DbusCommunication\" send_member=\"SendSignal\"/>"
+              "<deny send_interface=\"org.vaska.pelmar.DbusCommunication\" "
+              "send_member=\"SendSignal\"/>"
               "</policy>")
     {
     }
