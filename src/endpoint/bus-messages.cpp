@@ -74,6 +74,43 @@ MessagePtr Signal(const std::string& partner, const std::string& path, GVariant*
     return message;
 }
 
+MessagePtr OpenDirectPath(const std::string& partner, const std::string& path, guint32 version,
+                          int socket)
+{
+    const GObjectPtr<GUnixFDList> list(g_unix_fd_list_new());
+    const gint handle = g_unix_fd_list_append(list.get(), socket, nullptr);
+    if (handle < 0)
+        return nullptr;
+    MessagePtr call = NewCall(partner.c_str(), path.c_str(), DIRECT_PATH_INTERFACE, "Open",
+                              g_variant_new("(uh)", version, handle));
+    g_dbus_message_set_unix_fd_list(call.get(), list.get());
+    return call;
+}
+
+int TakeDescriptor(GDBusMessage* call)
+{
+    GUnixFDList* list = g_dbus_message_get_unix_fd_list(call);
+    if (list == nullptr || !HasBody(call, "(uh)"))
+        return -1;
+    guint32 version = 0;
+    gint handle = -1;
+    g_variant_get(g_dbus_message_get_body(call), "(uh)", &version, &handle);
+    if (handle < 0 || handle >= g_unix_fd_list_get_length(list))
+        return -1;
+    return g_unix_fd_list_get(list, handle, nullptr);
+}
+
+GVariant* Body(std::shared_ptr<const std::vector<char>> bytes)
+{
+    using Held = std::shared_ptr<const std::vector<char>>;
+    const char* data = bytes->data();
+    const gsize size = bytes->size();
+    GVariant* array = g_variant_new_from_data(
+        G_VARIANT_TYPE_BYTESTRING, data, size, TRUE,
+        [](gpointer held) { delete static_cast<Held*>(held); }, new Held(std::move(bytes)));
+    return g_variant_new_tuple(&array, 1);
+}
+
 CallId::CallId(GDBusMessage* call)
     : caller(g_dbus_message_get_sender(call)),
       serial(g_dbus_message_get_serial(call)),

@@ -39,6 +39,16 @@ MessagePtr Call(const std::string& partner, const std::string& path, const char*
 // A partner's notification.
 MessagePtr Signal(const std::string& partner, const std::string& path, GVariant* parameters);
 
+// The question for a direct path, with a socket that stays the caller's. Null when the process has
+// too few descriptors.
+MessagePtr OpenDirectPath(const std::string& partner, const std::string& path, guint32 version,
+                          int socket);
+// The descriptor that came with such a call; the caller's from now on. -1 when there is none.
+int TakeDescriptor(GDBusMessage* call);
+
+// Floating "(ay)" over the bytes: none is copied.
+GVariant* Body(std::shared_ptr<const std::vector<char>> bytes);
+
 // What it takes to answer a call, without what was sent with it.
 struct CallId {
     explicit CallId(GDBusMessage* call);

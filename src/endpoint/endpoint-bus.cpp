@@ -60,10 +60,14 @@ GDBusMessage* PelmarEndpoint::Impl::cb_Message(GDBusConnection* connection, GDBu
 {
     if (incoming == FALSE)
         return message;
-    // Nobody asked for any, and a message may wait for long.
-    bus_message::DropDescriptors(message);
     const auto self = static_cast<std::weak_ptr<Impl>*>(user_data)->lock();
-    if (self == nullptr || !self->TakeMessage(connection, message))
+    const bool opens = bus_message::HasMember(message, DIRECT_PATH_INTERFACE, "Open");
+    // Nobody asked for others, and a message may wait for long.
+    if (!opens)
+        bus_message::DropDescriptors(message);
+    const bool is_taken = self != nullptr && self->TakeMessage(connection, message);
+    bus_message::DropDescriptors(message);
+    if (!is_taken)
         return message;
     g_object_unref(message);
     return nullptr;
@@ -124,6 +128,14 @@ bool PelmarEndpoint::Impl::TakeCall(GDBusMessage* call)
     if (bus_message::HasMember(call, CHANNEL_INTERFACE, CHANNEL_METHOD) &&
         bus_message::HasBody(call, "(ay)")) {
         TrafficCame(call);
+        return true;
+    }
+    if (bus_message::HasMember(call, DIRECT_PATH_INTERFACE, "Open")) {
+        TakeOpen(call);
+        return true;
+    }
+    if (bus_message::HasMember(call, DIRECT_PATH_INTERFACE, "Switch")) {
+        TakeSwitch(g_dbus_message_get_sender(call));
         return true;
     }
     if (bus_message::HasMember(call, PROPERTIES, "GetAll") && bus_message::HasBody(call, "(s)") &&
@@ -198,6 +210,7 @@ void PelmarEndpoint::Impl::OwnerChanged(GDBusMessage* signal)
         return;
     if (change->name == change->old_owner) {
         EndPeer(change->name);
+        m_never_direct.erase(change->name);
         return;
     }
     const auto stage = std::find(m_peer_names.begin(), m_peer_names.end(), change->name);
@@ -444,6 +457,8 @@ void PelmarEndpoint::Impl::TellReady(const std::string& name)
     m_changed.notify_all();
     Tell("OnReady", m_handlers.ready, Partner(peer->partner));
     DeliverHeld(peer);
+    OpenDirectPath(peer);
+    AcceptDirectPath(peer);
 }
 
 void PelmarEndpoint::Impl::TellLost(const std::string& name)
@@ -461,6 +476,7 @@ void PelmarEndpoint::Impl::EndPeer(const std::string& name)
     const PeerPtr peer = FindPeer(name);
     if (peer == nullptr)
         return;
+    DrainDirectPath(peer);
     Carry(m_handshake->Gone(name));
     FinishAll(*peer, Status::partner_lost);
     m_deadlines.Remove(peer->timer);
@@ -479,6 +495,7 @@ void PelmarEndpoint::Impl::Forget(Peer& peer)
         LetGo(peer, bus_message::Cost(message.get()));
     peer.held.clear();
     peer.questions.clear();
+    CloseDirectPath(peer);
     peer.window.DealtWith(peer.window.Position());
     ForgetDealtWith(peer);
     peer.gone = true;

@@ -28,11 +28,52 @@
 #include "bus-messages.h"
 #include "channel-names.h"
 #include "deadlines.h"
+#include "direct-poll.h"
+#include "direct-socket.h"
 #include "event-loop.h"
 #include "handler-queue.h"
 #include "handshake.h"
 #include "partner-window.h"
 #include "pelmar-endpoint.h"
+
+// By the environment of the process.
+bool DirectPathIsForbidden();
+
+// Bytes on their way, maybe to several.
+using Payload = std::shared_ptr<const std::vector<char>>;
+
+struct OutgoingBody : Outgoing {
+    OutgoingBody(Kind of_kind, Payload of_body)
+        : Outgoing(of_kind, of_body->size()), body(std::move(of_body))
+    {
+    }
+    Payload body;
+};
+
+// Where a call came from, and so where its answer goes.
+struct CallOrigin {
+    std::optional<bus_message::CallId> bus;  // else it came by the direct path
+    std::uint32_t serial = 0;                // there
+    bool ExpectsAnswer() const { return !bus || bus->expects_answer; }
+};
+
+struct OutgoingAnswer : Outgoing {
+    OutgoingAnswer(CallOrigin to, Payload of_body)
+        : Outgoing(Kind::answer, of_body->size()), origin(std::move(to)), body(std::move(of_body))
+    {
+    }
+    OutgoingAnswer(CallOrigin to, const char* of_error, std::string of_text)
+        : Outgoing(Kind::answer, of_text.size()),
+          origin(std::move(to)),
+          error(of_error),
+          text(std::move(of_text))
+    {
+    }
+    const CallOrigin origin;
+    const Payload body;           // null for an error:
+    const char* error = nullptr;  // its D-Bus name
+    const std::string text = {};
+};
 
 struct PelmarEndpoint::Partner::State {
     State(std::string of_name, std::uint64_t of_number)
@@ -43,6 +84,7 @@ struct PelmarEndpoint::Partner::State {
     const std::string name;
     const std::uint64_t number;  // in the order in which they were met
     std::atomic<bool> ready{false};
+    std::atomic<bool> direct{false};
 
     // Written before anybody else sees the partner.
     std::optional<uid_t> uid;
@@ -91,6 +133,25 @@ public:
     Response Request(const Partner& partner, Bytes data, std::chrono::milliseconds timeout);
     Call Request(const Partner& partner, Bytes data, std::chrono::milliseconds timeout,
                  std::function<void(Response)> done);
+
+    // What came of a request.
+    struct Outcome {
+        Status status = Status::ok;
+        std::string error = {};
+        MessagePtr message = {};  // whose bytes are the answer, where it came by the bus
+        Bytes data = {};          // else
+    };
+
+    // A message for the application.
+    struct Incoming {
+        Bytes TakeBytes();
+
+        bool is_call = false;
+        CallOrigin origin = {};  // of a call
+        std::size_t cost = 0;
+        MessagePtr message = {};  // where it came by the bus
+        Bytes data = {};          // else
+    };
 
     struct Peer;
     struct OpenRequest;
@@ -181,9 +242,10 @@ private:
     void TrafficCame(GDBusMessage* message);
     bool TakeIn(Peer& peer, std::size_t cost);
     void LetGo(Peer& peer, std::size_t cost);
-    void Deliver(const PeerPtr& peer, MessagePtr message);
+    static Incoming FromBus(MessagePtr message);
+    void Deliver(const PeerPtr& peer, Incoming message);
     void DeliverHeld(const PeerPtr& peer);
-    void RefuseCall(const PeerPtr& peer, const bus_message::CallId& call, const char* error,
+    void RefuseCall(const PeerPtr& peer, const CallOrigin& call, const char* error,
                     const std::string& text);
     void AnswerQuestion(const bus_message::CallId& question);
     void RefuseQuestion(const bus_message::CallId& question);
@@ -193,8 +255,8 @@ private:
     bool TakeReply(Reply::State& reply);
 
     // In the handlers' thread.
-    void HandleMessage(const PeerPtr& peer, MessagePtr message);
-    void HandleCall(const PeerPtr& peer, MessagePtr message);
+    void HandleMessage(const PeerPtr& peer, Incoming message);
+    void HandleCall(const PeerPtr& peer, Incoming message);
     void KeepOpen(const Reply& reply);
 
     // Traffic out, with the mutex held.
@@ -203,9 +265,11 @@ private:
     PeerPtr PeerNamed(const std::string& name);
     Status Admit(const Partner& partner, std::size_t size, PeerPtr& peer) const;
     RequestPtr OpenNewRequest(const Partner& partner, Bytes data, Status& status);
-    void Finish(const RequestPtr& request, Status status, const std::string& error,
-                MessagePtr answer);
+    std::size_t LargestFor(const Peer& peer) const;
+    void Finish(const RequestPtr& request, Outcome outcome);
     void RequestAnswered(const RequestPtr& request, GDBusMessage* answer);
+    void EndRequest(const RequestPtr& request, Outcome outcome, bool was_dealt_with);
+    void CloseRequest(Peer& peer, const OpenRequest& request, bool was_dealt_with);
     void FinishAll(Peer& peer, Status status);
     void Pump(const PeerPtr& peer);
     void PumpBacklog();
@@ -219,7 +283,43 @@ private:
     void NotificationRefused(const PeerPtr& peer, GDBusMessage* error);
     void ForgetDealtWith(Peer& peer);
     void AfterProgress(const PeerPtr& peer);
-    void AnswerWith(const PeerPtr& peer, const bus_message::CallId& call, MessagePtr message);
+    void AnswerWith(const PeerPtr& peer, const std::shared_ptr<OutgoingAnswer>& answer);
+    void SendAnswer(const OutgoingAnswer& answer);
+    void RefuseAnswer(const PeerPtr& peer, const CallOrigin& origin);
+
+    // The direct path (endpoint-direct.cpp), with the mutex held but for cb_Direct.
+    bool MayGoDirect(const Peer& peer);
+    void OpenDirectPath(const PeerPtr& peer);
+    void DirectPathAnswered(const PeerPtr& peer, Descriptor socket, GDBusMessage* answer);
+    void TakeOpen(GDBusMessage* call);
+    void AcceptDirectPath(const PeerPtr& peer);
+    void AnswerOpen(const bus_message::CallId& call, guint32 version);
+    void TakeSwitch(const std::string& caller);
+    void StartWriting(const PeerPtr& peer, Descriptor socket);
+    void StartReading(const PeerPtr& peer);
+    void WatchDirect(Peer& peer);
+    static gboolean cb_Direct(gint descriptor, GIOCondition condition, gpointer user_data);
+    void LookAtDirectPaths();
+    void ReadDirect(const PeerPtr& peer, int reads);
+    bool TakeFrame(const PeerPtr& peer, Frame frame);
+    void TakeDirectMessage(const PeerPtr& peer, Frame frame);
+    bool TakeDirectAnswer(const PeerPtr& peer, Frame frame);
+    RequestPtr FindRequest(Peer& peer, const FrameHead& answer);
+    void PauseOrGoOn(Peer& peer);
+    void GoOnReading();
+    void PumpDirect(const PeerPtr& peer);
+    static bool FlushDirect(Peer& peer);
+    static void WriteFrame(Peer& peer, const FrameHead& head, Payload payload);
+    void LeaveDirect(const PeerPtr& peer, const PartnerWindow::Item& item);
+    void AnswerDirect(Peer& peer, const OutgoingAnswer& answer);
+    bool IsWritingDirect() const;
+    void SayBye();
+    void DirectPathEnded(const PeerPtr& peer);
+    void DirectPathFailed(const PeerPtr& peer, const std::string& fault);
+    void ReportDirectPath(const Peer& peer, const std::string& fault);
+    void BeginAnewWithout(const PeerPtr& peer);
+    void DrainDirectPath(const PeerPtr& peer);
+    void CloseDirectPath(Peer& peer);
 
     // What is sent, with the mutex held.
     guint32 SendNow(GDBusMessage* message, OnAnswer on_answer = {});
@@ -296,6 +396,14 @@ private:
     const std::shared_ptr<Transit> m_transit = std::make_shared<Transit>();
     std::deque<std::weak_ptr<Peer>> m_backlog;
 
+    // Direct paths.
+    std::unique_ptr<DirectPoll> m_direct_poll;  // null before the first
+    SourcePtr m_direct_source;
+    std::unordered_map<std::uint64_t, PeerPtr> m_direct_peers;  // by the partner's number
+    std::vector<std::uint64_t> m_paused;   // those of them that the handlers do not keep up with
+    std::set<std::string> m_never_direct;  // whose direct path has failed
+    std::vector<char> m_read_buffer;
+
     // Bytes given to GIO, those that the daemon has taken for sure, and up to where it is asked.
     std::uint64_t m_given = 0;
     std::uint64_t m_taken = 0;
@@ -340,22 +448,21 @@ struct PelmarEndpoint::Impl::Peer {
     std::deque<std::pair<std::uint64_t, guint32>>
         notified;  // position and serial, until dealt with
     bool in_backlog = false;
-};
 
-struct OutgoingBody : Outgoing {
-    OutgoingBody(Kind of_kind, std::size_t size, VariantPtr of_body)
-        : Outgoing(of_kind, size), body(std::move(of_body))
-    {
-    }
-    VariantPtr body;
-};
-
-struct OutgoingAnswer : Outgoing {
-    explicit OutgoingAnswer(MessagePtr answer)
-        : Outgoing(Kind::answer, bus_message::BodySize(answer.get())), message(std::move(answer))
-    {
-    }
-    MessagePtr message;
+    // The direct path. What is sent takes it as soon as there is a socket.
+    bool was_opened = false;
+    std::optional<std::pair<bus_message::CallId, Descriptor>> opening;  // until it is ready
+    std::unique_ptr<DirectSocket> socket;
+    std::deque<std::uint64_t> written;  // the position of each frame that the socket has not taken
+    bool reads_direct = false;          // it sends nothing by the bus any more
+    bool is_paused = false;
+    bool said_bye = false;
+    bool has_ended = false;
+    bool is_drained = false;        // nothing is read any more
+    std::pair<bool, bool> watched;  // for reading and for writing
+    std::size_t largest = 0;        // message that it takes, once it has said so
+    std::uint32_t last_serial = 0;
+    std::unordered_map<std::uint32_t, std::shared_ptr<OpenRequest>> direct_requests;
 };
 
 // One request, from the call until nothing more can come of it. Guarded by the endpoint's mutex.
@@ -369,18 +476,17 @@ struct PelmarEndpoint::Impl::OpenRequest : OutgoingBody {
     std::condition_variable told;
     Deadlines::Id deadline = 0;
     bool sent = false;
+    guint32 bus_serial = 0;    // when it was sent there
+    std::uint32_t serial = 0;  // when it was sent by the direct path
 
     // What came of it; constant once `over` is true.
     bool over = false;
-    Status status = Status::ok;
-    std::string error;
-    MessagePtr answer;
+    Outcome outcome;
 };
 
 struct PelmarEndpoint::Reply::State {
-    State(std::weak_ptr<Impl> of_impl, std::shared_ptr<Impl::Peer> of_peer,
-          bus_message::CallId of_call)
-        : impl(std::move(of_impl)), peer(std::move(of_peer)), call(std::move(of_call))
+    State(std::weak_ptr<Impl> of_impl, std::shared_ptr<Impl::Peer> of_peer, CallOrigin from)
+        : impl(std::move(of_impl)), peer(std::move(of_peer)), origin(std::move(from))
     {
     }
     ~State();
@@ -389,7 +495,7 @@ struct PelmarEndpoint::Reply::State {
 
     const std::weak_ptr<Impl> impl;
     const std::shared_ptr<Impl::Peer> peer;
-    const bus_message::CallId call;
+    const CallOrigin origin;
     bool answered = false;  // guarded by the endpoint's mutex
 };
 

@@ -137,6 +137,7 @@ void PelmarEndpoint::Impl::Start()
         throw;
     }
     m_loop = std::move(loop);
+    m_settings.direct_path = m_settings.direct_path && !DirectPathIsForbidden();
     m_started = true;
     m_timer = std::make_unique<LoopTimer>(*m_loop);
     m_loop->Post([this] { Connect(); });
@@ -289,6 +290,8 @@ void PelmarEndpoint::Impl::ConnectionClosed()
 // Nothing of the stay on this bus is left but the connection itself.
 void PelmarEndpoint::Impl::LeaveBus(Status status)
 {
+    for (const PeerPtr& peer : std::vector<PeerPtr>(m_ready))
+        DrainDirectPath(peer);
     const std::vector<PeerPtr> ready = std::move(m_ready);
     m_ready.clear();
     std::vector<PeerPtr> peers;
@@ -305,6 +308,7 @@ void PelmarEndpoint::Impl::LeaveBus(Status status)
     m_peers.clear();
     m_handshake.reset();
     m_calls.clear();
+    m_never_direct.clear();
     m_strangers_questions.clear();
     m_backlog.clear();
     m_rules_are_short = false;
@@ -355,7 +359,7 @@ bool PelmarEndpoint::Impl::Stop(milliseconds flush)
     }
     m_changed.notify_all();
     for (const RequestPtr& request : AllOpenRequests())
-        Finish(request, Status::stopped, "", nullptr);
+        Finish(request, {Status::stopped});
     lock.unlock();
     m_queue->Close();
     AbandonReplies();
@@ -412,7 +416,7 @@ void PelmarEndpoint::Impl::Flush(Lock& lock)
         });
         if (!is_waiting && m_given != m_taken)
             ConfirmDaemon();
-        return !is_waiting && m_given == m_taken;
+        return !is_waiting && m_given == m_taken && !IsWritingDirect();
     };
     const auto start = Clock::now();
     while (!is_flushed() && Clock::now() < start + m_flush_patience)
@@ -422,6 +426,7 @@ void PelmarEndpoint::Impl::Flush(Lock& lock)
 void PelmarEndpoint::Impl::Shutdown()
 {
     m_timer.reset();
+    m_direct_source.reset();
     if (m_connecting != nullptr) {
         g_cancellable_cancel(m_connecting.get());
         m_loop->RunUntil([this] { return m_connecting == nullptr; });
@@ -431,6 +436,7 @@ void PelmarEndpoint::Impl::Shutdown()
         const Lock lock(m_mutex);
         if (m_connection != nullptr) {
             connection = NewReference(m_connection.get());
+            SayBye();
             LeaveBus(Status::stopped);
         }
         m_deadlines.Clear();

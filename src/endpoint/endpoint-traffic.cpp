@@ -52,6 +52,11 @@ PelmarEndpoint::Status StatusOfError(GDBusMessage* error)
     return Status::remote_error;
 }
 
+CallOrigin OriginOf(GDBusMessage* call)
+{
+    return {bus_message::CallId(call)};
+}
+
 }  // namespace
 
 // A request's `done`. It is owed whatever happens to the endpoint.
@@ -72,7 +77,7 @@ private:
 // A message for the application.
 class PelmarEndpoint::Impl::MessageTask final : public HandlerTask {
 public:
-    MessageTask(std::weak_ptr<Impl> impl, PeerPtr peer, MessagePtr message)
+    MessageTask(std::weak_ptr<Impl> impl, PeerPtr peer, Incoming message)
         : m_impl(std::move(impl)), m_peer(std::move(peer)), m_message(std::move(message))
     {
     }
@@ -84,28 +89,48 @@ public:
     void Abandon() override
     {
         const auto impl = m_impl.lock();
-        if (impl == nullptr || !bus_message::IsCall(m_message.get()))
+        if (impl == nullptr || !m_message.is_call)
             return;
         const Lock lock(impl->m_mutex);
-        impl->RefuseCall(m_peer, bus_message::CallId(m_message.get()), bus_error::GONE,
+        impl->RefuseCall(m_peer, m_message.origin, bus_error::GONE,
                          "the endpoint left the channel");
     }
 
 private:
     const std::weak_ptr<Impl> m_impl;
     const PeerPtr m_peer;
-    MessagePtr m_message;
+    Incoming m_message;
 };
 
 PelmarEndpoint::Response PelmarEndpoint::Impl::OpenRequest::TakeResponse()
 {
-    Response response{status, {}, error};
-    if (answer != nullptr && status == Status::ok)
-        response.data = bus_message::Bytes(answer.get());
-    answer.reset();
-    if (status != Status::ok && response.error.empty())
-        response.error = ToString(status);
+    Response response{outcome.status, std::move(outcome.data), std::move(outcome.error)};
+    if (outcome.message != nullptr)
+        response.data = bus_message::Bytes(outcome.message.get());
+    outcome.message.reset();
+    if (response.status != Status::ok && response.error.empty())
+        response.error = ToString(response.status);
     return response;
+}
+
+PelmarEndpoint::Bytes PelmarEndpoint::Impl::Incoming::TakeBytes()
+{
+    if (message == nullptr)
+        return std::move(data);
+    Bytes bytes = bus_message::Bytes(message.get());
+    message.reset();
+    return bytes;
+}
+
+PelmarEndpoint::Impl::Incoming PelmarEndpoint::Impl::FromBus(MessagePtr message)
+{
+    Incoming incoming;
+    incoming.is_call = bus_message::IsCall(message.get());
+    if (incoming.is_call)
+        incoming.origin = OriginOf(message.get());
+    incoming.cost = bus_message::Cost(message.get());
+    incoming.message = std::move(message);
+    return incoming;
 }
 
 void LogHandlerThrew(const char* name, const char* text)
@@ -123,7 +148,7 @@ void PelmarEndpoint::Impl::TrafficCame(GDBusMessage* message)
     const bool is_call = bus_message::IsCall(message);
     if (m_stopped) {
         if (is_call)
-            RefuseCall(FindPeer(name), bus_message::CallId(message), bus_error::GONE,
+            RefuseCall(FindPeer(name), OriginOf(message), bus_error::GONE,
                        "the endpoint left the channel");
         return;
     }
@@ -139,7 +164,7 @@ void PelmarEndpoint::Impl::TrafficCame(GDBusMessage* message)
     }
     if (!TakeIn(*peer, bus_message::Cost(message))) {
         if (is_call)
-            RefuseCall(peer, bus_message::CallId(message), bus_error::LIMITS_EXCEEDED,
+            RefuseCall(peer, OriginOf(message), bus_error::LIMITS_EXCEEDED,
                        "too many messages wait for the handlers of this endpoint");
         return;
     }
@@ -148,7 +173,7 @@ void PelmarEndpoint::Impl::TrafficCame(GDBusMessage* message)
     const bool may_deliver =
         traffic == Handshake::Traffic::deliver || (is_of_stranger && peer->has_credentials);
     if (may_deliver && peer->held.empty())
-        Deliver(peer, NewReference(message));
+        Deliver(peer, FromBus(NewReference(message)));
     else
         peer->held.push_back(NewReference(message));
     if (is_of_stranger && !std::exchange(peer->is_asked_who, true)) {
@@ -185,9 +210,11 @@ void PelmarEndpoint::Impl::LetGo(Peer& peer, std::size_t cost)
     peer.waiting -= cost;
     if (m_intake == 0)
         ReportOver(Problem::intake_full);
+    if (m_intake < m_settings.intake)
+        GoOnReading();
 }
 
-void PelmarEndpoint::Impl::Deliver(const PeerPtr& peer, MessagePtr message)
+void PelmarEndpoint::Impl::Deliver(const PeerPtr& peer, Incoming message)
 {
     Post(std::make_unique<MessageTask>(weak_from_this(), peer, std::move(message)));
 }
@@ -197,35 +224,33 @@ void PelmarEndpoint::Impl::DeliverHeld(const PeerPtr& peer)
     if (m_handshake->TrafficOf(peer->Name()) == Handshake::Traffic::hold || !peer->has_credentials)
         return;
     while (!peer->held.empty()) {
-        Deliver(peer, std::move(peer->held.front()));
+        Deliver(peer, FromBus(std::move(peer->held.front())));
         peer->held.pop_front();
     }
 }
 
-void PelmarEndpoint::Impl::RefuseCall(const PeerPtr& peer, const bus_message::CallId& call,
+void PelmarEndpoint::Impl::RefuseCall(const PeerPtr& peer, const CallOrigin& call,
                                       const char* error, const std::string& text)
 {
-    if (!call.expects_answer)
+    if (!call.ExpectsAnswer())
         return;
-    MessagePtr answer = bus_message::Error(call, error, text);
     if (peer != nullptr && !peer->gone)
-        AnswerWith(peer, call, std::move(answer));
-    else
-        SendNow(answer.get());
+        AnswerWith(peer, std::make_shared<OutgoingAnswer>(call, error, text));
+    else if (call.bus)
+        SendNow(bus_message::Error(*call.bus, error, text).get());
 }
 
 // It waits no more when its handler begins: whoever is answered by that may send the next at once.
-void PelmarEndpoint::Impl::HandleMessage(const PeerPtr& peer, MessagePtr message)
+void PelmarEndpoint::Impl::HandleMessage(const PeerPtr& peer, Incoming message)
 {
     {
         const Lock lock(m_mutex);
-        LetGo(*peer, bus_message::Cost(message.get()));
+        LetGo(*peer, message.cost);
     }
-    if (bus_message::IsCall(message.get())) {
+    if (message.is_call) {
         HandleCall(peer, std::move(message));
     } else if (m_handlers.notification) {
-        Message notification{Partner(peer->partner), bus_message::Bytes(message.get())};
-        message.reset();
+        Message notification{Partner(peer->partner), message.TakeBytes()};
         CallGuarded("OnNotification", [&] { m_handlers.notification(notification); });
     }
     const Lock lock(m_mutex);
@@ -233,12 +258,11 @@ void PelmarEndpoint::Impl::HandleMessage(const PeerPtr& peer, MessagePtr message
     AnswerQuestions(*peer);
 }
 
-void PelmarEndpoint::Impl::HandleCall(const PeerPtr& peer, MessagePtr message)
+void PelmarEndpoint::Impl::HandleCall(const PeerPtr& peer, Incoming message)
 {
-    Message call{Partner(peer->partner), bus_message::Bytes(message.get())};
+    Message call{Partner(peer->partner), message.TakeBytes()};
     const Reply reply(
-        std::make_shared<Reply::State>(weak_from_this(), peer, bus_message::CallId(message.get())));
-    message.reset();
+        std::make_shared<Reply::State>(weak_from_this(), peer, std::move(message.origin)));
     if (m_handlers.deferred_message) {
         KeepOpen(reply);
         CallGuarded("OnDeferredMessage", [&] { m_handlers.deferred_message(call, reply); });
@@ -281,14 +305,15 @@ void PelmarEndpoint::Impl::AnswerQuestions(Peer& peer)
 
 void PelmarEndpoint::Impl::Send(Reply::State& reply, Bytes data)
 {
-    if (data.size() > MAX_BUS_MESSAGE_BYTES) {
-        Fail(reply, "the answer is too large: " + std::to_string(data.size()) + " bytes");
-        return;
-    }
-    const VariantPtr body(g_variant_ref_sink(pelmar_bytes::Take(std::move(data))));
+    auto body = std::make_shared<const Bytes>(std::move(data));
     const Lock lock(m_mutex);
-    if (TakeReply(reply) && reply.call.expects_answer)
-        AnswerWith(reply.peer, reply.call, bus_message::Answer(reply.call, body.get()));
+    if (!TakeReply(reply))
+        return;
+    if (body->size() > LargestFor(*reply.peer))
+        RefuseCall(reply.peer, reply.origin, bus_error::FAILED,
+                   "the answer is too large: " + std::to_string(body->size()) + " bytes");
+    else if (reply.origin.ExpectsAnswer())
+        AnswerWith(reply.peer, std::make_shared<OutgoingAnswer>(reply.origin, std::move(body)));
 }
 
 void PelmarEndpoint::Impl::Fail(Reply::State& reply, const std::string& text)
@@ -296,7 +321,7 @@ void PelmarEndpoint::Impl::Fail(Reply::State& reply, const std::string& text)
     const std::string bounded = bus_message::BoundedText(text);
     const Lock lock(m_mutex);
     if (TakeReply(reply))
-        RefuseCall(reply.peer, reply.call, m_stopped ? bus_error::GONE : bus_error::FAILED,
+        RefuseCall(reply.peer, reply.origin, m_stopped ? bus_error::GONE : bus_error::FAILED,
                    bounded);
 }
 
@@ -312,19 +337,17 @@ bool PelmarEndpoint::Impl::TakeReply(Reply::State& reply)
 bool PelmarEndpoint::Impl::IsWanted(const Reply::State& reply) const
 {
     const Lock lock(m_mutex);
-    return !reply.answered && !reply.peer->gone && !m_stopped && reply.call.expects_answer;
+    return !reply.answered && !reply.peer->gone && !m_stopped && reply.origin.ExpectsAnswer();
 }
 
 // Keeps its place among what is sent to the partner.
-void PelmarEndpoint::Impl::AnswerWith(const PeerPtr& peer, const bus_message::CallId& call,
-                                      MessagePtr message)
+void PelmarEndpoint::Impl::AnswerWith(const PeerPtr& peer,
+                                      const std::shared_ptr<OutgoingAnswer>& answer)
 {
-    if (peer->window.Take(std::make_shared<OutgoingAnswer>(std::move(message))))
+    if (peer->window.Take(answer))
         Pump(peer);
     else
-        SendNow(bus_message::Error(call, bus_error::LIMITS_EXCEEDED,
-                                   "too many answers wait to be read by the caller")
-                    .get());
+        RefuseAnswer(peer, answer->origin);
 }
 
 // ---- Partners and strangers ----------------------------------------------------------------
@@ -388,20 +411,19 @@ PelmarEndpoint::Status PelmarEndpoint::Impl::Admit(const Partner& partner, std::
         return Status::no_such_partner;
     if (!peer->partner->ready)
         return m_handshake->Knows(peer->Name()) ? Status::not_ready : Status::no_such_partner;
-    return size > MAX_BUS_MESSAGE_BYTES ? Status::too_large : Status::ok;
+    return size > LargestFor(*peer) ? Status::too_large : Status::ok;
 }
 
 PelmarEndpoint::Status PelmarEndpoint::Impl::Notify(const Partner& partner, Bytes data)
 {
-    const std::size_t size = data.size();
-    VariantPtr body(g_variant_ref_sink(pelmar_bytes::Take(std::move(data))));
+    auto notification = std::make_shared<OutgoingBody>(
+        Outgoing::Kind::notification, std::make_shared<const Bytes>(std::move(data)));
     const Lock lock(m_mutex);
     PeerPtr peer;
-    const Status status = Admit(partner, size, peer);
+    const Status status = Admit(partner, notification->body->size(), peer);
     if (status != Status::ok)
         return status;
-    if (!peer->window.Take(
-            std::make_shared<OutgoingBody>(Outgoing::Kind::notification, size, std::move(body)))) {
+    if (!peer->window.Take(std::move(notification))) {
         AskForRoom(peer);
         return Status::queue_full;
     }
@@ -411,18 +433,16 @@ PelmarEndpoint::Status PelmarEndpoint::Impl::Notify(const Partner& partner, Byte
 
 PelmarEndpoint::Broadcast PelmarEndpoint::Impl::NotifyAll(Bytes data)
 {
-    const std::size_t size = data.size();
-    const VariantPtr body(g_variant_ref_sink(pelmar_bytes::Take(std::move(data))));
+    const auto body = std::make_shared<const Bytes>(std::move(data));
     Broadcast broadcast;
     const Lock lock(m_mutex);
     const std::vector<PeerPtr> ready = m_ready;
     for (const PeerPtr& peer : ready) {
         const Partner partner(peer->partner);
         PeerPtr found;
-        Status status = Admit(partner, size, found);
+        Status status = Admit(partner, body->size(), found);
         if (status == Status::ok &&
-            !peer->window.Take(std::make_shared<OutgoingBody>(
-                Outgoing::Kind::notification, size, VariantPtr(g_variant_ref(body.get())))))
+            !peer->window.Take(std::make_shared<OutgoingBody>(Outgoing::Kind::notification, body)))
             status = Status::queue_full;
         if (status == Status::ok) {
             ++broadcast.sent;
@@ -438,11 +458,10 @@ PelmarEndpoint::Broadcast PelmarEndpoint::Impl::NotifyAll(Bytes data)
 PelmarEndpoint::Impl::RequestPtr PelmarEndpoint::Impl::OpenNewRequest(const Partner& partner,
                                                                       Bytes data, Status& status)
 {
-    const std::size_t size = data.size();
-    VariantPtr body(g_variant_ref_sink(pelmar_bytes::Take(std::move(data))));
-    auto request = std::make_shared<OpenRequest>(Outgoing::Kind::request, size, std::move(body));
+    auto request = std::make_shared<OpenRequest>(Outgoing::Kind::request,
+                                                 std::make_shared<const Bytes>(std::move(data)));
     PeerPtr peer;
-    status = Admit(partner, size, peer);
+    status = Admit(partner, request->body->size(), peer);
     if (status == Status::ok && !peer->window.Take(request)) {
         status = Status::queue_full;
         AskForRoom(peer);
@@ -466,7 +485,7 @@ PelmarEndpoint::Response PelmarEndpoint::Impl::Request(const Partner& partner, B
     Pump(request->peer.lock());
     request->told.wait_until(lock, deadline, [&request] { return request->over; });
     if (!request->over)
-        Finish(request, Status::timeout, "", nullptr);
+        Finish(request, {Status::timeout});
     lock.unlock();
     return request->TakeResponse();
 }
@@ -481,15 +500,14 @@ PelmarEndpoint::Call PelmarEndpoint::Impl::Request(const Partner& partner, Bytes
     const RequestPtr request = OpenNewRequest(partner, std::move(data), status);
     request->done = done ? std::move(done) : [](const Response& /*response*/) {};
     if (status == Status::ok) {
-        request->deadline =
-            At(deadline, [this, request] { Finish(request, Status::timeout, "", nullptr); });
+        request->deadline = At(deadline, [this, request] { Finish(request, {Status::timeout}); });
         Pump(request->peer.lock());
     } else if (status == Status::stopped) {
-        request->status = status;
+        request->outcome.status = status;
         lock.unlock();
         DoneTask(request).Run();
     } else {
-        Finish(request, status, "", nullptr);
+        Finish(request, {status});
     }
     return Call(std::make_shared<Call::State>(Call::State{weak_from_this(), request}));
 }
@@ -498,19 +516,16 @@ void PelmarEndpoint::Impl::Cancel(const std::shared_ptr<OpenRequest>& request)
 {
     const Lock lock(m_mutex);
     if (!request->over && !m_stopped)
-        Finish(request, Status::cancelled, "", nullptr);
+        Finish(request, {Status::cancelled});
 }
 
 // What came of it is told once. One that was sent counts against its partner until no answer can
 // come any more.
-void PelmarEndpoint::Impl::Finish(const RequestPtr& request, Status status,
-                                  const std::string& error, MessagePtr answer)
+void PelmarEndpoint::Impl::Finish(const RequestPtr& request, Outcome outcome)
 {
     if (std::exchange(request->over, true))
         return;
-    request->status = status;
-    request->error = error;
-    request->answer = std::move(answer);
+    request->outcome = std::move(outcome);
     m_deadlines.Remove(request->deadline);
     if (const PeerPtr peer = request->peer.lock(); peer != nullptr && !request->sent) {
         peer->requests.erase(request);
@@ -531,41 +546,62 @@ void PelmarEndpoint::Impl::FinishAll(Peer& peer, Status status)
     peer.requests.clear();
     for (const RequestPtr& request : requests) {
         if (request->sent) {
-            --m_open_requests;
-            --peer.open_requests;
-            peer.window.End(*request, false);
+            CloseRequest(peer, *request, false);
         } else {
             peer.window.Drop(*request);
         }
         request->peer.reset();
-        Finish(request, status, "", nullptr);
+        Finish(request, {status});
     }
 }
 
 void PelmarEndpoint::Impl::RequestAnswered(const RequestPtr& request, GDBusMessage* answer)
 {
     const PeerPtr peer = request->peer.lock();
+    if (peer != nullptr && peer->reads_direct && !bus_message::IsFromDaemon(answer))
+        return;  // the answer that counts comes by the direct path
+    const bool is_error = !bus_message::ErrorName(answer).empty();
+    Outcome outcome;
+    if (is_error)
+        outcome = {StatusOfError(answer), bus_message::ErrorText(answer)};
+    else if (bus_message::HasBody(answer, "(ay)"))
+        outcome.message = NewReference(answer);
+    else
+        outcome = {Status::remote_error, "the partner's answer is not of type (ay)"};
+    DaemonHasTaken(request->given);
+    EndRequest(request, std::move(outcome), !bus_message::IsFromDaemon(answer));
+}
+
+void PelmarEndpoint::Impl::EndRequest(const RequestPtr& request, Outcome outcome,
+                                      bool was_dealt_with)
+{
+    const PeerPtr peer = request->peer.lock();
     if (peer == nullptr || peer->requests.erase(request) == 0)
         return;
-    --m_open_requests;
-    --peer->open_requests;
-    peer->window.End(*request, !bus_message::IsFromDaemon(answer));
-    DaemonHasTaken(request->given);
-    const bool is_error = !bus_message::ErrorName(answer).empty();
-    if (is_error)
-        Finish(request, StatusOfError(answer), bus_message::ErrorText(answer), nullptr);
-    else if (bus_message::HasBody(answer, "(ay)"))
-        Finish(request, Status::ok, "", NewReference(answer));
-    else
-        Finish(request, Status::remote_error, "the partner's answer is not of type (ay)", nullptr);
+    CloseRequest(*peer, *request, was_dealt_with);
+    Finish(request, std::move(outcome));
     AfterProgress(peer);
     PumpBacklog();
+}
+
+// It was sent, and nothing can come for it any more.
+void PelmarEndpoint::Impl::CloseRequest(Peer& peer, const OpenRequest& request, bool was_dealt_with)
+{
+    if (request.bus_serial != 0) {
+        --m_open_requests;
+        --peer.open_requests;
+    }
+    peer.window.End(request, was_dealt_with);
 }
 
 // ---- Through the window --------------------------------------------------------------------
 
 void PelmarEndpoint::Impl::Pump(const PeerPtr& peer)
 {
+    if (peer->socket != nullptr) {
+        PumpDirect(peer);
+        return;
+    }
     while (DaemonHasRoom()) {
         const PartnerWindow::Item item = peer->window.Next(MayCall(*peer));
         if (item == nullptr)
@@ -592,33 +628,58 @@ void PelmarEndpoint::Impl::PumpBacklog()
     }
 }
 
+// In front of those that wait.
+void PelmarEndpoint::Impl::RefuseAnswer(const PeerPtr& peer, const CallOrigin& origin)
+{
+    const OutgoingAnswer refusal(origin, bus_error::LIMITS_EXCEEDED,
+                                 "too many answers wait to be read by the caller");
+    if (peer->socket == nullptr) {
+        SendAnswer(refusal);
+        return;
+    }
+    AnswerDirect(*peer, refusal);
+    PumpDirect(peer);
+}
+
+void PelmarEndpoint::Impl::SendAnswer(const OutgoingAnswer& answer)
+{
+    const bus_message::CallId& call = *answer.origin.bus;
+    if (answer.error != nullptr)
+        SendNow(bus_message::Error(call, answer.error, answer.text).get());
+    else
+        SendNow(bus_message::Answer(call, bus_message::Body(answer.body)).get());
+}
+
 void PelmarEndpoint::Impl::Leave(const PeerPtr& peer, const PartnerWindow::Item& item)
 {
     m_given += item->cost;
     item->given = peer->given = m_given;
     switch (item->kind) {
         case Outgoing::Kind::answer:
-            SendNow(static_cast<OutgoingAnswer&>(*item).message.get());
+            SendAnswer(static_cast<OutgoingAnswer&>(*item));
             return;
         case Outgoing::Kind::notification: {
             const auto& notification = static_cast<OutgoingBody&>(*item);
-            const guint32 serial = SendNow(
-                bus_message::Signal(peer->Name(), m_object_path, notification.body.get()).get(),
-                [this, peer](GDBusMessage* error) { NotificationRefused(peer, error); });
+            const guint32 serial =
+                SendNow(bus_message::Signal(peer->Name(), m_object_path,
+                                            bus_message::Body(notification.body))
+                            .get(),
+                        [this, peer](GDBusMessage* error) { NotificationRefused(peer, error); });
             if (serial != 0)
                 peer->notified.emplace_back(item->position, serial);
             return;
         }
         case Outgoing::Kind::request: {
             const auto request = std::static_pointer_cast<OpenRequest>(item);
-            const VariantPtr body = std::move(request->body);
-            const MessagePtr call = bus_message::Call(
-                peer->Name(), m_object_path, CHANNEL_INTERFACE, CHANNEL_METHOD, body.get());
+            const MessagePtr call =
+                bus_message::Call(peer->Name(), m_object_path, CHANNEL_INTERFACE, CHANNEL_METHOD,
+                                  bus_message::Body(std::move(request->body)));
             request->sent = true;
             ++m_open_requests;
             ++peer->open_requests;
-            SendNow(call.get(),
-                    [this, request](GDBusMessage* answer) { RequestAnswered(request, answer); });
+            request->bus_serial = SendNow(call.get(), [this, request](GDBusMessage* answer) {
+                RequestAnswered(request, answer);
+            });
         }
     }
 }
@@ -640,7 +701,7 @@ bool PelmarEndpoint::Impl::MayAsk() const
 
 void PelmarEndpoint::Impl::AskForRoom(const PeerPtr& peer)
 {
-    if (peer->asking || peer->asks_later || !peer->window.WantsWord())
+    if (peer->socket != nullptr || peer->asking || peer->asks_later || !peer->window.WantsWord())
         return;
     if (peer->is_unaskable) {
         // What the daemon has taken is all that can be known.
@@ -756,7 +817,9 @@ void PelmarEndpoint::Impl::AfterProgress(const PeerPtr& peer)
 {
     if (peer->gone)
         return;
-    ForgetDealtWith(*peer);
+    // What left by the bus before a direct path may still be refused.
+    if (peer->socket == nullptr)
+        ForgetDealtWith(*peer);
     Pump(peer);
     if (peer->window.HasRoomAgain())
         Tell("OnRoom", m_handlers.room, Partner(peer->partner));

@@ -25,6 +25,13 @@ PartnerWindow::Item PartnerWindow::Next(bool may_call)
 {
     if (m_waiting.empty() || !MayLeave(*m_waiting.front(), may_call))
         return nullptr;
+    return NextAnyway();
+}
+
+PartnerWindow::Item PartnerWindow::NextAnyway()
+{
+    if (m_waiting.empty())
+        return nullptr;
     Item item = std::move(m_waiting.front());
     m_waiting.pop_front();
     if (IsLarge(*item))

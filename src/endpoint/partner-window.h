@@ -70,6 +70,9 @@ public:
     // What leaves next, null when nothing may. `may_call`: whether one more request may be open.
     Item Next(bool may_call);
 
+    // What leaves next where nothing but the way itself holds it up; null when nothing waits.
+    Item NextAnyway();
+
     // A request that has not left will not.
     void Drop(const Outgoing& request);
 

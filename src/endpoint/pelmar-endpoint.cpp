@@ -69,7 +69,7 @@ bool PelmarEndpoint::Partner::IsReady() const
 
 bool PelmarEndpoint::Partner::IsDirect() const
 {
-    return false;
+    return m_state != nullptr && m_state->direct;
 }
 
 std::optional<uid_t> PelmarEndpoint::Partner::Uid() const

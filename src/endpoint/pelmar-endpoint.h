@@ -43,7 +43,8 @@ typedef struct _GMainContext GMainContext;  // NOLINT(bugprone-reserved-identifi
 /// reply). The endpoint's threads take none of the process's signals.
 ///
 /// Copies: what is sent is moved on from the argument. Messages are of any size up to what the way
-/// to the partner carries: MAX_BUS_MESSAGE_BYTES on the bus.
+/// to the partner carries: MAX_BUS_MESSAGE_BYTES on the bus, and past it the partner's intake
+/// (SetIntake) where that is more.
 ///
 /// Log: everything goes to the platform log (platform-log.h) with the tag "kestrin". An error line
 /// means that somebody has to do something; what the endpoint mends by itself is a debug line.
@@ -98,7 +99,7 @@ public:
         /// From before OnReady until before OnLost.
         bool IsReady() const;
 
-        /// Its traffic goes past the bus daemon. No partner's does in this version.
+        /// Its traffic goes past the bus daemon (SetDirectPath): from a moment after OnReady.
         bool IsDirect() const;
 
         /// Who it is, as the bus daemon says; known before OnReady is called and before a message
@@ -205,7 +206,7 @@ public:
         rule_limit,       ///< the bus daemon takes no more match rules
         intake_full,      ///< messages come in faster than the handlers deal with them
         name_taken,   ///< somebody holds one of the channel's names, which are to be pulsed only
-        direct_path,  ///< a direct path to a partner broke; its traffic is on the bus again
+        direct_path,  ///< a direct path broke: its partner was lost and comes back on the bus
     };
 
     /// Nothing is on the bus yet. `channel` is the channel's name: 1 to 222 letters, digits and
@@ -268,12 +269,16 @@ public:
     /// How many bytes of messages may wait for the handlers, from all partners together. Over it a
     /// request is refused (Status::busy to the one who sent it); a notification is dropped, which
     /// happens only to partners that are no endpoints, as an endpoint sends what it knows to find
-    /// room: each partner has room for 512 KiB, or for one message, whatever the others do. Default
+    /// room: each partner has room for 512 KiB, or for one message, whatever the others do. What
+    /// comes past the bus is never refused: nothing more is read of a partner meanwhile. Default
     /// 64 MiB.
     void SetIntake(std::size_t bytes);
 
-    /// Whether traffic may go past the bus daemon where the partner can do so too. Default true. No
-    /// partner can in this version.
+    /// Whether traffic may go past the bus daemon, through a socket that two endpoints agree on
+    /// over the bus once they are ready. Default true; PELMAR_DIRECT=0 in the environment forbids
+    /// it. Nothing else changes: what is promised holds on either way and while it changes. Traffic
+    /// stays on the bus where one side does not want it otherwise, is no endpoint of this version,
+    /// has too few descriptors, or is not let by the bus's policy.
     void SetDirectPath(bool allowed);
 
     /// The bus, as a D-Bus address ("unix:path=/run/my-bus"). Default: the system bus.

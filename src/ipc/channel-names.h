@@ -14,6 +14,7 @@
 // What the channel's class keeps to itself; a test compares the two.
 constexpr const char* CHANNEL_NAME_PREFIX = "org.vaska.Pelmar";
 constexpr const char* CHANNEL_OBJECT_ROOT = "/org/vaska/pelmar/CommunicationChannel";
+constexpr const char* DIRECT_PATH_INTERFACE = "org.vaska.pelmar.DirectPath1";
 constexpr const char* CHANNEL_INTERFACE = "org.vaska.pelmar.DbusCommunication";
 constexpr const char* CHANNEL_METHOD = "Send";
 constexpr const char* CHANNEL_SIGNAL = "SendSignal";

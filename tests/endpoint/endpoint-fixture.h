@@ -91,6 +91,9 @@ inline void WakeTest()
 /// The payload of the messages by which a test waits until the handlers have run.
 inline const std::string SETTLING = "settling";
 
+/// What the kernel takes of a direct path that nobody reads from.
+constexpr std::size_t OF_THE_SOCKET = 512UL * 1024;
+
 /// What the handlers of an endpoint were told, as lines, in order. From any thread.
 class News {
 public:

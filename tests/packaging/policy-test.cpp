@@ -24,6 +24,8 @@ const Account STRANGER{"pelmar-stranger", 54325};
 const Account ROOT{"root", 0};
 
 constexpr const char* DENIED = "org.freedesktop.DBus.Error.AccessDenied";
+constexpr const char* NO_SUCH_METHOD = "org.freedesktop.DBus.Error.UnknownMethod";
+constexpr const char* DIRECT_PATH = "org.vaska.pelmar.DirectPath1";
 constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
 
 void MakePolicy(const std::string& folder, const std::string& file, const std::string& arguments)
@@ -82,6 +84,13 @@ std::string CallGetAll(const BusActor& actor, const std::string& destination,
 {
     return Call(actor, destination, channel, PROPERTIES, "GetAll",
                 g_variant_new("(s)", names::INTERFACE.c_str()));
+}
+
+// As a client does it, but without a socket.
+std::string CallOpen(const BusActor& actor, const std::string& destination,
+                     const std::string& channel)
+{
+    return Call(actor, destination, channel, DIRECT_PATH, "Open", nullptr);
 }
 
 // A real channel in a process of that user.
@@ -163,6 +172,9 @@ protected:
 
         EXPECT_EQ(CallGetAll(*Connect(service_account), client.Name(), channel), "reply");
         EXPECT_EQ(CallGetAll(*Connect(client_account), service.Name(), channel), "reply");
+        // A plain channel has none.
+        EXPECT_EQ(CallOpen(*Connect(client_account), service.Name(), channel), NO_SUCH_METHOD);
+        EXPECT_EQ(CallOpen(*Connect(service_account), client.Name(), channel), NO_SUCH_METHOD);
     }
 
     std::string m_folder =
@@ -214,6 +226,7 @@ TEST_P(APolicy, RefusesTheCallsOfOthers)
         for (const std::string& destination : {service.Name(), client.Name()}) {
             EXPECT_EQ(CallSend(*actor, destination, "alpha"), DENIED) << account.name;
             EXPECT_EQ(CallGetAll(*actor, destination, "alpha"), DENIED) << account.name;
+            EXPECT_EQ(CallOpen(*actor, destination, "alpha"), DENIED) << account.name;
         }
     }
 }

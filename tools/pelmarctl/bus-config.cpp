@@ -353,6 +353,11 @@ PolicyQuestion PolicyQuestion::Signal(const std::string& channel)
     return {"", "signal", ObjectPathOf(channel), CHANNEL_INTERFACE, CHANNEL_SIGNAL};
 }
 
+PolicyQuestion PolicyQuestion::OpenPath(const std::string& channel)
+{
+    return {"", "method_call", ObjectPathOf(channel), DIRECT_PATH_INTERFACE, "Open"};
+}
+
 bool BusConfig::Allows(const Identity& identity, const PolicyQuestion& question) const
 {
     using Context = PolicySection::Context;

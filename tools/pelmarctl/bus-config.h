@@ -39,8 +39,9 @@ struct PolicySection {
 // What a policy is asked about. A message goes to a partner by its unique name.
 struct PolicyQuestion {
     static PolicyQuestion Own(const std::string& name);
-    static PolicyQuestion Send(const std::string& channel);    // the method
-    static PolicyQuestion Signal(const std::string& channel);  // SendSignal
+    static PolicyQuestion Send(const std::string& channel);      // the method
+    static PolicyQuestion Signal(const std::string& channel);    // SendSignal
+    static PolicyQuestion OpenPath(const std::string& channel);  // a direct path
 
     std::string own;
     std::string type;

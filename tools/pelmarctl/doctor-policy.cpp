@@ -90,6 +90,18 @@ void CheckOwnRights(Report& report, const Scene& scene)
                               (roles.empty() ? "neither side" : Joined(roles)));
 }
 
+// It is no fault to stay on the bus.
+void CheckDirectPaths(Report& report, const Scene& scene)
+{
+    if (WhoMayBe(scene.config, scene.channel, ChannelRole::client).empty())
+        return;
+    report.Good("path", MayOpenPaths(scene.config, scene.channel)
+                            ? "two endpoints may send past the bus"
+                            : "all traffic takes the bus: the policy lets no client ask for a "
+                              "direct path; for that, renew it: " +
+                                  InstallRemedy(scene.channel));
+}
+
 bool NobodyWouldSee(const Scene& scene)
 {
     return scene.Members().empty() && scene.survey.refused == 0 && scene.survey.silent.empty();
@@ -143,6 +155,7 @@ void CheckRights(Report& report, const Scene& scene)
         CheckWhoMayBe(report, scene);
         CheckMembersRights(report, scene);
         CheckOwnRights(report, scene);
+        CheckDirectPaths(report, scene);
     }
     if (NobodyWouldSee(scene))
         TryNames(report, scene);

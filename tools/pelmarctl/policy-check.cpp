@@ -187,6 +187,17 @@ std::vector<Complaint> CheckPolicy(const BusConfig& config, const std::string& f
     return Checker(config, file, channel).Check();
 }
 
+bool MayOpenPaths(const BusConfig& config, const std::string& channel)
+{
+    const BusConfig whole = OnTheStockBus(config);
+    return std::any_of(config.sections.begin(), config.sections.end(),
+                       [&](const PolicySection& section) {
+                           const Identity identity = IdentityOf(section);
+                           return MayBe(config, identity, channel, ChannelRole::client) &&
+                                  whole.Allows(identity, PolicyQuestion::OpenPath(channel));
+                       });
+}
+
 std::vector<Complaint> UnknownAccounts(const BusConfig& config)
 {
     std::vector<Complaint> complaints;

@@ -18,6 +18,9 @@ std::vector<Complaint> CheckPolicy(const BusConfig& config, const std::string& f
                                    const std::string& channel);
 
 // Rules that name an account which does not exist; the bus passes over them.
+// Whether clients of the channel may ask its services for a direct path.
+bool MayOpenPaths(const BusConfig& config, const std::string& channel);
+
 std::vector<Complaint> UnknownAccounts(const BusConfig& config);
 
 // Those that may be the given side of the channel: "user 'svc'", "everybody".

@@ -1,0 +1,509 @@
+// The direct path to a partner: how it is agreed on over the bus, and the traffic that takes it.
+// docs/protocol.md describes both.
+
+#include <glib-unix.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "endpoint-impl.h"
+#include "endpoint-tasks.h"
+
+#define PELMAR_LOG_FILE "endpoint-direct.cpp"
+#include "log-lines.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr guint32 DIRECT_VERSION = 1;
+constexpr guint32 NOT_NOW = 0;
+
+// What waits beyond the socket's own buffer; the rest waits in the partner's window.
+constexpr std::size_t OUTBOX_BYTES = 256UL * 1024;
+
+// Others get their turn after so many reads of one partner.
+constexpr int READS_AT_A_TIME = 4;
+
+// How long the bus may take to tell of the end of a partner whose socket has ended.
+constexpr milliseconds END_PATIENCE{1000};
+
+PelmarEndpoint::Status StatusOf(FrameError error)
+{
+    using Status = PelmarEndpoint::Status;
+    switch (error) {
+        case FrameError::gone:
+            return Status::partner_lost;
+        case FrameError::busy:
+            return Status::busy;
+        default:
+            return Status::remote_error;
+    }
+}
+
+FrameError FrameErrorOf(const char* bus_error_name)
+{
+    if (std::strcmp(bus_error_name, bus_error::GONE) == 0)
+        return FrameError::gone;
+    if (std::strcmp(bus_error_name, bus_error::LIMITS_EXCEEDED) == 0)
+        return FrameError::busy;
+    return FrameError::failed;
+}
+
+}  // namespace
+
+// ---- Agreeing on it ------------------------------------------------------------------------
+
+bool DirectPathIsForbidden()
+{
+    const char* value = std::getenv("PELMAR_DIRECT");
+    return value != nullptr && std::strcmp(value, "0") == 0;
+}
+
+bool PelmarEndpoint::Impl::MayGoDirect(const Peer& peer)
+{
+    if (!m_settings.direct_path || m_never_direct.count(peer.Name()) != 0)
+        return false;
+    if (m_direct_poll == nullptr) {
+        m_direct_poll = std::make_unique<DirectPoll>();
+        if (!m_direct_poll->IsOpen()) {
+            m_direct_poll.reset();
+            return false;
+        }
+        m_direct_source.reset(g_unix_fd_source_new(m_direct_poll->Number(), G_IO_IN));
+        g_source_set_callback(m_direct_source.get(), G_SOURCE_FUNC(cb_Direct), this, nullptr);
+        g_source_attach(m_direct_source.get(), m_loop->Context());
+    }
+    return true;
+}
+
+// A client asks each service once; what cannot answer stays on the bus.
+void PelmarEndpoint::Impl::OpenDirectPath(const PeerPtr& peer)
+{
+    const bool carries_descriptors = (g_dbus_connection_get_capabilities(m_connection.get()) &
+                                      G_DBUS_CAPABILITY_FLAGS_UNIX_FD_PASSING) != 0;
+    if (m_role != Role::client || !carries_descriptors || !MayGoDirect(*peer))
+        return;
+    auto [own, theirs] = ConnectedSockets();
+    if (!own.IsOpen())
+        return;
+    const MessagePtr call =
+        bus_message::OpenDirectPath(peer->Name(), m_object_path, DIRECT_VERSION, theirs.Number());
+    if (call == nullptr)
+        return;
+    auto socket = std::make_shared<Descriptor>(std::move(own));
+    SendNow(call.get(), [this, peer, socket](GDBusMessage* answer) {
+        DirectPathAnswered(peer, std::move(*socket), answer);
+    });
+}
+
+// The answer is the last that the service sends by the bus, and the call of Switch the last that
+// the client does.
+void PelmarEndpoint::Impl::DirectPathAnswered(const PeerPtr& peer, Descriptor socket,
+                                              GDBusMessage* answer)
+{
+    if (peer->gone || m_stopped || bus_message::Number(answer).value_or(NOT_NOW) == NOT_NOW)
+        return;
+    const MessagePtr switch_over =
+        bus_message::Call(peer->Name(), m_object_path, DIRECT_PATH_INTERFACE, "Switch", nullptr);
+    g_dbus_message_set_flags(switch_over.get(),
+                             static_cast<GDBusMessageFlags>(G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED |
+                                                            G_DBUS_MESSAGE_FLAGS_NO_AUTO_START));
+    SendNow(switch_over.get());
+    StartWriting(peer, std::move(socket));
+    StartReading(peer);
+}
+
+// A service takes the socket only of whom it knows, and answers when that one is ready.
+void PelmarEndpoint::Impl::TakeOpen(GDBusMessage* call)
+{
+    const bus_message::CallId id(call);
+    Descriptor socket(bus_message::TakeDescriptor(call));
+    const PeerPtr peer = FindPeer(id.caller);
+    const bool is_welcome = m_role == Role::service && !m_stopped && peer != nullptr &&
+                            m_handshake->Knows(id.caller) && !peer->was_opened && socket.IsOpen() &&
+                            IsConnectedStream(socket.Number());
+    if (!is_welcome || !MayGoDirect(*peer)) {
+        AnswerOpen(id, NOT_NOW);
+        return;
+    }
+    peer->was_opened = true;
+    peer->opening = {id, std::move(socket)};
+    Carry(m_handshake->TrafficCame(id.caller));
+    AcceptDirectPath(peer);
+}
+
+void PelmarEndpoint::Impl::AcceptDirectPath(const PeerPtr& peer)
+{
+    if (!peer->opening || !peer->partner->ready)
+        return;
+    auto [call, socket] = std::move(*peer->opening);
+    peer->opening.reset();
+    AnswerOpen(call, DIRECT_VERSION);
+    StartWriting(peer, std::move(socket));
+}
+
+void PelmarEndpoint::Impl::AnswerOpen(const bus_message::CallId& call, guint32 version)
+{
+    SendNow(bus_message::Answer(call, g_variant_new("(u)", version)).get());
+}
+
+void PelmarEndpoint::Impl::TakeSwitch(const std::string& caller)
+{
+    const PeerPtr peer = FindPeer(caller);
+    if (peer != nullptr && peer->socket != nullptr && !peer->reads_direct)
+        StartReading(peer);
+}
+
+void PelmarEndpoint::Impl::StartWriting(const PeerPtr& peer, Descriptor socket)
+{
+    Hello hello;
+    hello.largest = std::max(m_settings.intake, MAX_BUS_MESSAGE_BYTES);
+    peer->socket = std::make_unique<DirectSocket>(std::move(socket), hello.largest);
+    FrameHead head;
+    head.type = FrameType::hello;
+    WriteFrame(*peer, head, std::make_shared<const Bytes>(EncodeHello(hello)));
+    m_direct_peers[peer->partner->number] = peer;
+    AfterProgress(peer);
+}
+
+void PelmarEndpoint::Impl::StartReading(const PeerPtr& peer)
+{
+    peer->reads_direct = true;
+    WatchDirect(*peer);
+}
+
+// ---- In ------------------------------------------------------------------------------------
+
+void PelmarEndpoint::Impl::WatchDirect(Peer& peer)
+{
+    const bool reads = peer.reads_direct && !peer.is_paused && !peer.has_ended;
+    const bool writes = peer.socket->Waiting() != 0 && !peer.has_ended;
+    if (std::exchange(peer.watched, std::make_pair(reads, writes)) != std::make_pair(reads, writes))
+        m_direct_poll->Watch(peer.socket->Number(), peer.partner->number, reads, writes);
+}
+
+gboolean PelmarEndpoint::Impl::cb_Direct(gint /*descriptor*/, GIOCondition /*condition*/,
+                                         gpointer user_data)
+{
+    static_cast<Impl*>(user_data)->LookAtDirectPaths();
+    return G_SOURCE_CONTINUE;
+}
+
+void PelmarEndpoint::Impl::LookAtDirectPaths()
+{
+    const Lock lock(m_mutex);
+    m_direct_poll->Look([this](std::uint64_t number, bool may_read, bool may_write) {
+        const auto found = m_direct_peers.find(number);
+        if (found == m_direct_peers.end())
+            return;
+        const PeerPtr peer = found->second;
+        if (may_read)
+            ReadDirect(peer, READS_AT_A_TIME);
+        if (may_write && peer->socket != nullptr)
+            AfterProgress(peer);
+    });
+}
+
+void PelmarEndpoint::Impl::ReadDirect(const PeerPtr& peer, int reads)
+{
+    using ReadResult = DirectSocket::ReadResult;
+    ReadResult result = ReadResult::more;
+    m_read_buffer.resize(DirectSocket::READ_SIZE);
+    for (int i = 0; result == ReadResult::more && i < reads && !peer->is_paused; ++i) {
+        std::vector<Frame> frames;
+        result = peer->socket->Read(m_read_buffer, frames);
+        for (Frame& frame : frames) {
+            if (!TakeFrame(peer, std::move(frame)))
+                return;
+        }
+    }
+    if (result == ReadResult::at_fault)
+        DirectPathFailed(peer, peer->socket->Fault());
+    else if (result == ReadResult::ended)
+        DirectPathEnded(peer);
+}
+
+// False when there is no direct path any more.
+bool PelmarEndpoint::Impl::TakeFrame(const PeerPtr& peer, Frame frame)
+{
+    switch (frame.head.type) {
+        case FrameType::hello: {
+            const auto hello = DecodeHello(frame.payload);
+            if (!hello) {
+                DirectPathFailed(peer, "a greeting that is none");
+                return false;
+            }
+            PELMAR_DEBUG("Partner %s goes past the bus\n\n", PELMAR_AT(__func__),
+                         peer->Name().c_str());
+            peer->largest = static_cast<std::size_t>(
+                std::min<std::uint64_t>(hello->largest, std::size_t{0} - 1));
+            peer->partner->direct = true;
+            return true;
+        }
+        case FrameType::request:
+        case FrameType::notify:
+            TakeDirectMessage(peer, std::move(frame));
+            return true;
+        case FrameType::answer:
+        case FrameType::error:
+            return TakeDirectAnswer(peer, std::move(frame));
+        case FrameType::bye:
+            peer->said_bye = true;
+            return true;
+    }
+    return true;
+}
+
+void PelmarEndpoint::Impl::TakeDirectMessage(const PeerPtr& peer, Frame frame)
+{
+    Incoming message;
+    message.is_call = frame.head.type == FrameType::request;
+    message.origin.serial = frame.head.serial;
+    message.cost = frame.payload.size() + MESSAGE_OVERHEAD;
+    message.data = std::move(frame.payload);
+    if (m_stopped) {
+        if (message.is_call)
+            RefuseCall(peer, message.origin, bus_error::GONE, "the endpoint left the channel");
+        return;
+    }
+    if (message.is_call)
+        ++peer->unanswered;
+    m_intake += message.cost;
+    peer->waiting += message.cost;
+    ++peer->accepted;
+    PauseOrGoOn(*peer);
+    Deliver(peer, std::move(message));
+}
+
+// Nothing is refused on a direct path: what the handlers do not get round to stays in the socket.
+void PelmarEndpoint::Impl::PauseOrGoOn(Peer& peer)
+{
+    const bool is_full = m_intake >= m_settings.intake && peer.waiting != 0;
+    if (peer.socket == nullptr || std::exchange(peer.is_paused, is_full) == is_full)
+        return;
+    if (is_full)
+        m_paused.push_back(peer.partner->number);
+    WatchDirect(peer);
+}
+
+void PelmarEndpoint::Impl::GoOnReading()
+{
+    for (const std::uint64_t number : std::exchange(m_paused, {})) {
+        const auto found = m_direct_peers.find(number);
+        if (found == m_direct_peers.end())
+            continue;
+        found->second->is_paused = false;
+        PauseOrGoOn(*found->second);
+        WatchDirect(*found->second);
+    }
+}
+
+bool PelmarEndpoint::Impl::TakeDirectAnswer(const PeerPtr& peer, Frame frame)
+{
+    const RequestPtr request = FindRequest(*peer, frame.head);
+    if (request == nullptr) {
+        DirectPathFailed(peer, "an answer to what nobody asked");
+        return false;
+    }
+    Outcome outcome;
+    if (frame.head.type == FrameType::answer) {
+        outcome.data = std::move(frame.payload);
+    } else {
+        outcome.status = StatusOf(static_cast<FrameError>(frame.payload.front()));
+        outcome.error =
+            bus_message::BoundedText(std::string(frame.payload.begin() + 1, frame.payload.end()));
+    }
+    EndRequest(request, std::move(outcome), true);
+    return true;
+}
+
+PelmarEndpoint::Impl::RequestPtr PelmarEndpoint::Impl::FindRequest(Peer& peer,
+                                                                   const FrameHead& answer)
+{
+    if ((answer.flags & FrameHead::OF_BUS) == 0) {
+        const auto node = peer.direct_requests.extract(answer.serial);
+        return node.empty() ? nullptr : node.mapped();
+    }
+    const auto found = std::find_if(
+        peer.requests.begin(), peer.requests.end(), [&answer](const RequestPtr& request) {
+            return request->bus_serial != 0 && request->bus_serial == answer.serial;
+        });
+    if (found == peer.requests.end())
+        return nullptr;
+    m_calls.erase(answer.serial);
+    return *found;
+}
+
+// ---- Out -----------------------------------------------------------------------------------
+
+std::size_t PelmarEndpoint::Impl::LargestFor(const Peer& peer) const
+{
+    return peer.partner->direct ? peer.largest : MAX_BUS_MESSAGE_BYTES;
+}
+
+void PelmarEndpoint::Impl::PumpDirect(const PeerPtr& peer)
+{
+    bool takes = FlushDirect(*peer);
+    while (takes && peer->socket->Waiting() < OUTBOX_BYTES) {
+        const PartnerWindow::Item item = peer->window.NextAnyway();
+        if (item == nullptr)
+            break;
+        LeaveDirect(peer, item);
+        takes = FlushDirect(*peer);
+    }
+    if (!takes)
+        DirectPathEnded(peer);
+    WatchDirect(*peer);
+    if (m_stopped)
+        m_changed.notify_all();
+}
+
+// What the socket has taken does not wait any more.
+bool PelmarEndpoint::Impl::FlushDirect(Peer& peer)
+{
+    const bool takes = peer.socket->Flush();
+    while (peer.written.size() > peer.socket->FramesWaiting()) {
+        peer.window.DealtWith(peer.written.front());
+        peer.written.pop_front();
+    }
+    return takes;
+}
+
+void PelmarEndpoint::Impl::WriteFrame(Peer& peer, const FrameHead& head, Payload payload)
+{
+    peer.socket->Write(head, std::move(payload));
+    peer.written.push_back(peer.window.Position());
+}
+
+void PelmarEndpoint::Impl::LeaveDirect(const PeerPtr& peer, const PartnerWindow::Item& item)
+{
+    FrameHead head;
+    switch (item->kind) {
+        case Outgoing::Kind::answer:
+            AnswerDirect(*peer, static_cast<OutgoingAnswer&>(*item));
+            return;
+        case Outgoing::Kind::notification:
+            head.type = FrameType::notify;
+            WriteFrame(*peer, head, static_cast<OutgoingBody&>(*item).body);
+            return;
+        case Outgoing::Kind::request: {
+            const auto request = std::static_pointer_cast<OpenRequest>(item);
+            request->sent = true;
+            peer->direct_requests[peer->last_serial + 1] = request;
+            request->serial = ++peer->last_serial;
+            head.type = FrameType::request;
+            head.serial = request->serial;
+            WriteFrame(*peer, head, std::move(request->body));
+        }
+    }
+}
+
+// A daemon that has passed the call on waits for an answer, too; the caller does not look at it.
+void PelmarEndpoint::Impl::AnswerDirect(Peer& peer, const OutgoingAnswer& answer)
+{
+    FrameHead head;
+    head.type = answer.error == nullptr ? FrameType::answer : FrameType::error;
+    head.serial = answer.origin.serial;
+    if (answer.origin.bus) {
+        head.flags = FrameHead::OF_BUS;
+        head.serial = answer.origin.bus->serial;
+        SendNow(bus_message::Answer(*answer.origin.bus,
+                                    bus_message::Body(std::make_shared<const Bytes>()))
+                    .get());
+    }
+    WriteFrame(peer, head,
+               answer.error == nullptr ? answer.body
+                                       : std::make_shared<const Bytes>(
+                                             EncodeError(FrameErrorOf(answer.error), answer.text)));
+}
+
+bool PelmarEndpoint::Impl::IsWritingDirect() const
+{
+    return std::any_of(m_direct_peers.begin(), m_direct_peers.end(), [](const auto& entry) {
+        return entry.second->socket->Waiting() != 0 && !entry.second->has_ended;
+    });
+}
+
+void PelmarEndpoint::Impl::SayBye()
+{
+    for (const auto& entry : m_direct_peers) {
+        entry.second->socket->Write(FrameHead(), nullptr);
+        entry.second->socket->Flush();
+    }
+}
+
+// ---- Its end -------------------------------------------------------------------------------
+
+// The bus will say what has become of the partner.
+void PelmarEndpoint::Impl::DirectPathEnded(const PeerPtr& peer)
+{
+    if (std::exchange(peer->has_ended, true))
+        return;
+    WatchDirect(*peer);
+    After(END_PATIENCE, [this, peer] {
+        if (peer->gone || m_stopped)
+            return;
+        if (!peer->said_bye)
+            ReportDirectPath(*peer, "its other end was closed");
+        BeginAnewWithout(peer);
+    });
+}
+
+// What came before the fault has been dealt with, and nothing after it is.
+void PelmarEndpoint::Impl::DirectPathFailed(const PeerPtr& peer, const std::string& fault)
+{
+    if (peer->is_drained)
+        return;
+    peer->is_drained = true;
+    ReportDirectPath(*peer, fault);
+    BeginAnewWithout(peer);
+}
+
+void PelmarEndpoint::Impl::ReportDirectPath(const Peer& peer, const std::string& fault)
+{
+    Report(Problem::direct_path,
+           "the direct path of " + peer.Name() + " has failed (" + fault +
+               "): its traffic takes the bus from now on; find out what that process does",
+           peer.Name());
+}
+
+// What was on its way may be lost: the partner is, too, and comes back on the bus.
+void PelmarEndpoint::Impl::BeginAnewWithout(const PeerPtr& peer)
+{
+    const std::string name = peer->Name();
+    m_never_direct.insert(name);
+    EndPeer(name);
+    Carry(m_handshake->PulseSeen(Stage::syn, name));
+}
+
+// What has arrived is dealt with before the end is told.
+void PelmarEndpoint::Impl::DrainDirectPath(const PeerPtr& peer)
+{
+    using ReadResult = DirectSocket::ReadResult;
+    if (peer->socket == nullptr || !peer->reads_direct || m_stopped ||
+        std::exchange(peer->is_drained, true))
+        return;
+    std::vector<Frame> frames;
+    m_read_buffer.resize(DirectSocket::READ_SIZE);
+    ReadResult result = ReadResult::more;
+    while (result == ReadResult::more || result == ReadResult::some)
+        result = peer->socket->Read(m_read_buffer, frames);
+    for (Frame& frame : frames) {
+        if (!TakeFrame(peer, std::move(frame)))
+            return;
+    }
+}
+
+void PelmarEndpoint::Impl::CloseDirectPath(Peer& peer)
+{
+    if (peer.socket == nullptr)
+        return;
+    m_direct_poll->Forget(peer.socket->Number());
+    m_direct_peers.erase(peer.partner->number);
+    peer.partner->direct = false;
+    peer.socket.reset();
+    peer.opening.reset();
+}

@@ -1,0 +1,161 @@
+// The frames of a direct path: whatever they are cut into, they come out as they went in, and what
+// cannot be a frame is told.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "direct-frames.h"
+
+namespace {
+
+using testing::HasSubstr;
+using Bytes = std::vector<char>;
+
+constexpr std::uint64_t LARGEST = 1000;
+
+Bytes FrameOf(FrameHead head, const Bytes& payload = {})
+{
+    head.size = payload.size();
+    const auto encoded = EncodeHead(head);
+    Bytes bytes(encoded.begin(), encoded.end());
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    return bytes;
+}
+
+FrameHead HeadOf(FrameType type, std::uint32_t serial = 0, std::uint8_t flags = 0)
+{
+    FrameHead head;
+    head.type = type;
+    head.serial = serial;
+    head.flags = flags;
+    return head;
+}
+
+Bytes operator+(Bytes left, const Bytes& right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+Bytes Greeting()
+{
+    Hello hello;
+    hello.largest = 77;
+    return FrameOf(HeadOf(FrameType::hello), EncodeHello(hello));
+}
+
+class AFrameReader : public testing::Test {
+protected:
+    bool Take(const Bytes& bytes) { return m_reader.Take(bytes.data(), bytes.size(), m_frames); }
+
+    void ExpectFault(const Bytes& bytes, const std::string& text)
+    {
+        FrameReader reader(LARGEST);
+        std::vector<Frame> frames;
+        ASSERT_TRUE(reader.Take(Greeting().data(), Greeting().size(), frames));
+        EXPECT_FALSE(reader.Take(bytes.data(), bytes.size(), frames)) << text;
+        EXPECT_THAT(reader.Fault(), HasSubstr(text));
+        EXPECT_EQ(1U, frames.size()) << text;
+        EXPECT_FALSE(reader.Take(Greeting().data(), Greeting().size(), frames));
+        EXPECT_EQ(1U, frames.size()) << text;
+    }
+
+    FrameReader m_reader{LARGEST};
+    std::vector<Frame> m_frames;
+};
+
+TEST_F(AFrameReader, PutsFramesTogetherWhereverTheyWereCut)
+{
+    const Bytes stream = Greeting() +
+                         FrameOf(HeadOf(FrameType::request, 0xfffffffe), Bytes(LARGEST, 'r')) +
+                         FrameOf(HeadOf(FrameType::answer, 7, FrameHead::OF_BUS), {'a'}) +
+                         FrameOf(HeadOf(FrameType::notify)) +
+                         FrameOf(HeadOf(FrameType::error, 8), EncodeError(FrameError::busy, "e")) +
+                         FrameOf(HeadOf(FrameType::bye));
+    for (std::size_t part = 1; part <= stream.size(); part += part < 40 ? 1 : 97) {
+        FrameReader reader(LARGEST);
+        std::vector<Frame> frames;
+        for (std::size_t at = 0; at < stream.size(); at += part)
+            ASSERT_TRUE(
+                reader.Take(stream.data() + at, std::min(part, stream.size() - at), frames));
+        ASSERT_EQ(6U, frames.size()) << part;
+        EXPECT_EQ(77U, DecodeHello(frames[0].payload)->largest);
+        EXPECT_EQ(FrameType::request, frames[1].head.type);
+        EXPECT_EQ(0xfffffffe, frames[1].head.serial);
+        EXPECT_EQ(Bytes(LARGEST, 'r'), frames[1].payload);
+        EXPECT_EQ(FrameHead::OF_BUS, frames[2].head.flags);
+        EXPECT_EQ(Bytes{'a'}, frames[2].payload);
+        EXPECT_EQ(FrameType::notify, frames[3].head.type);
+        EXPECT_EQ(Bytes(), frames[3].payload);
+        EXPECT_EQ((Bytes{2, 'e'}), frames[4].payload);
+        EXPECT_EQ(FrameType::bye, frames[5].head.type);
+    }
+}
+
+TEST_F(AFrameReader, GivesNothingOfAFrameThatIsNotWhole)
+{
+    EXPECT_TRUE(Take(Greeting()));
+    Bytes request = FrameOf(HeadOf(FrameType::request, 1), Bytes(10));
+    request.pop_back();
+    EXPECT_TRUE(Take(request));
+    EXPECT_EQ(1U, m_frames.size());
+}
+
+TEST_F(AFrameReader, ReservesNothingForASizeThatIsOnlyClaimed)
+{
+    FrameReader reader(std::uint64_t{1} << 40U);
+    ASSERT_TRUE(reader.Take(Greeting().data(), Greeting().size(), m_frames));
+    FrameHead head = HeadOf(FrameType::notify);
+    head.size = std::uint64_t{1} << 40U;
+    const auto encoded = EncodeHead(head);
+    EXPECT_TRUE(reader.Take(encoded.data(), encoded.size(), m_frames));
+    EXPECT_EQ(1U, m_frames.size());
+}
+
+TEST_F(AFrameReader, WantsAGreetingFirst)
+{
+    EXPECT_FALSE(Take(FrameOf(HeadOf(FrameType::notify))));
+    EXPECT_THAT(m_reader.Fault(), HasSubstr("before the greeting"));
+    EXPECT_TRUE(m_frames.empty());
+}
+
+TEST_F(AFrameReader, TellsWhatCannotBeAFrame)
+{
+    ExpectFault(Greeting(), "second greeting");
+    ExpectFault(FrameOf(HeadOf(FrameType::request, 1), Bytes(LARGEST + 1)), "1001 bytes");
+    ExpectFault(FrameOf(HeadOf(FrameType::answer, 1), Bytes(LARGEST + 1)), "1001 bytes");
+    ExpectFault(FrameOf(HeadOf(FrameType::notify), Bytes(LARGEST + 1)), "1001 bytes");
+    ExpectFault(FrameOf(HeadOf(FrameType::error, 1), Bytes(4098)), "4098 bytes");
+    ExpectFault(FrameOf(HeadOf(FrameType::error, 1)), "without a reason");
+    ExpectFault(FrameOf(HeadOf(FrameType::bye), Bytes(1)), "1 bytes");
+    ExpectFault(FrameOf(HeadOf(FrameType::notify, 0, FrameHead::OF_BUS)), "flags 1");
+    ExpectFault(FrameOf(HeadOf(FrameType::request, 1, FrameHead::OF_BUS)), "flags 1");
+    ExpectFault(FrameOf(HeadOf(FrameType::answer, 1, 2)), "flags 2");
+    ExpectFault(FrameOf(HeadOf(static_cast<FrameType>(0))), "type 0");
+    ExpectFault(FrameOf(HeadOf(static_cast<FrameType>(7))), "type 7");
+    ExpectFault(FrameOf(HeadOf(static_cast<FrameType>(255))), "type 255");
+    for (const std::size_t reserved : {2U, 3U}) {
+        Bytes frame = FrameOf(HeadOf(FrameType::notify));
+        frame[reserved] = 1;
+        ExpectFault(frame, "reserved");
+    }
+}
+
+TEST_F(AFrameReader, TellsAGreetingOfAWrongSize)
+{
+    EXPECT_FALSE(Take(FrameOf(HeadOf(FrameType::hello), Bytes(17))));
+    EXPECT_THAT(m_reader.Fault(), HasSubstr("greeting"));
+}
+
+TEST(AGreeting, IsUnderstoodOfTheSameVersionAlone)
+{
+    Bytes greeting = EncodeHello({Hello::VERSION, 5});
+    EXPECT_EQ(5U, DecodeHello(greeting)->largest);
+    greeting[0] = 'p';
+    EXPECT_FALSE(DecodeHello(greeting));
+    EXPECT_FALSE(DecodeHello(EncodeHello({Hello::VERSION + 1, 5})));
+    EXPECT_FALSE(DecodeHello(EncodeHello({0, 5})));
+    EXPECT_FALSE(DecodeHello({}));
+}
+
+}  // namespace

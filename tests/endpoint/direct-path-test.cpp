@@ -1,0 +1,612 @@
+// The direct path between two endpoints: when there is one, that it keeps the contract of the bus,
+// and that nobody gets anything by it but his own partner's attention.
+
+#include <fcntl.h>
+#include <gio/gunixfdlist.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <numeric>
+
+#include "bus-monitor.h"
+#include "captured-log.h"
+#include "channel-names.h"
+#include "direct-frames.h"
+#include "direct-socket.h"
+#include "endpoint-fixture.h"
+#include "endpoint-process.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using Problem = PelmarEndpoint::Problem;
+
+Bytes operator+(Bytes left, const Bytes& right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+Bytes Numbered(int number)
+{
+    return BytesOf(std::to_string(number));
+}
+
+std::size_t OpenDescriptors()
+{
+    std::size_t count = 0;
+    for (int descriptor = 0; descriptor < 4096; ++descriptor)
+        count += fcntl(descriptor, F_GETFD) >= 0 ? 1 : 0;
+    return count;
+}
+
+// Nobody is told of it.
+void AwaitDirect(const std::vector<Partner>& partners)
+{
+    const auto deadline = In(TEST_DEADLINE);
+    for (const Partner& partner : partners) {
+        while (!partner.IsDirect()) {
+            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "no direct path";
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+    }
+}
+
+// ---- Two endpoints -------------------------------------------------------------------------
+
+class TwoEndpoints : public testing::Test {
+protected:
+    void Start()
+    {
+        m_service.endpoint.Start();
+        m_client.endpoint.Start();
+        m_to_client = m_service.AwaitPartner();
+        m_to_service = m_client.AwaitPartner();
+    }
+    void AwaitDirectPath() const { AwaitDirect({m_to_client, m_to_service}); }
+    // Long enough for a path that must not come.
+    void ExpectNoDirectPath() const
+    {
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(Status::ok, Request(m_client, m_to_service, {}).status);
+            EXPECT_EQ(Status::ok, Request(m_service, m_to_client, {}).status);
+        }
+        EXPECT_FALSE(m_to_client.IsDirect());
+        EXPECT_FALSE(m_to_service.IsDirect());
+    }
+    static Response Request(const End& from, const Partner& to, Bytes data)
+    {
+        return const_cast<End&>(from).endpoint.Request(to, std::move(data), seconds(30));
+    }
+
+    TestBus m_bus;
+    End m_service{Role::service};
+    End m_client{Role::client};
+    Partner m_to_client;
+    Partner m_to_service;
+};
+
+TEST_F(TwoEndpoints, GoPastTheBusByThemselves)
+{
+    BusMonitor monitor(m_bus);
+    Start();
+    AwaitDirectPath();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(BytesOf("cba"), Request(m_client, m_to_service, BytesOf("abc")).data);
+        EXPECT_EQ(BytesOf("fed"), Request(m_service, m_to_client, BytesOf("def")).data);
+        EXPECT_EQ(Status::ok, m_service.endpoint.Notify(m_to_client, Numbered(i)));
+        EXPECT_EQ(Status::ok, m_client.endpoint.Notify(m_to_service, Numbered(i)));
+    }
+    m_client.news.Await("notification 2");
+    m_service.news.Await("notification 2");
+    BusActor actor(m_bus);
+    monitor.CatchUp(actor.Connection());
+    EXPECT_THAT(monitor.Messages([](const BusMonitor::Message& message) {
+        return message.member == "Send" || message.member == "SendSignal";
+    }),
+                IsEmpty());
+    EXPECT_EQ(1U, m_client.news.Count("ready "));
+    EXPECT_EQ(1U, m_service.news.Count("ready "));
+}
+
+TEST_F(TwoEndpoints, StayOnTheBusWhenTheServiceWantsIt)
+{
+    m_service.endpoint.SetDirectPath(false);
+    Start();
+    ExpectNoDirectPath();
+}
+
+TEST_F(TwoEndpoints, StayOnTheBusWhenTheClientWantsIt)
+{
+    m_client.endpoint.SetDirectPath(false);
+    Start();
+    ExpectNoDirectPath();
+}
+
+TEST_F(TwoEndpoints, StayOnTheBusWhenTheEnvironmentWantsIt)
+{
+    setenv("PELMAR_DIRECT", "0", 1);
+    Start();
+    unsetenv("PELMAR_DIRECT");
+    ExpectNoDirectPath();
+}
+
+TEST_F(TwoEndpoints, MayBeToldAnythingElseInTheEnvironment)
+{
+    setenv("PELMAR_DIRECT", "1", 1);
+    Start();
+    unsetenv("PELMAR_DIRECT");
+    AwaitDirectPath();
+}
+
+TEST_F(TwoEndpoints, SendWhatFitsTheReceiversIntake)
+{
+    constexpr std::size_t large = 34UL * 1024 * 1024;
+    m_service.endpoint.SetIntake(large);
+    m_client.endpoint.SetIntake(1);
+    Start();
+    AwaitDirectPath();
+    EXPECT_EQ(Status::too_large, Request(m_client, m_to_service, Bytes(large + 1)).status);
+    EXPECT_EQ(Status::too_large, m_client.endpoint.Notify(m_to_service, Bytes(large + 1)));
+    // The answer is larger than what the client takes.
+    const Response response = Request(m_client, m_to_service, Bytes(large, 'x'));
+    EXPECT_EQ(Status::remote_error, response.status);
+    EXPECT_THAT(response.error, HasSubstr("too large"));
+    m_client.endpoint.Notify(m_to_service, Bytes(large, 'n'));
+    m_service.news.Await("notification nnn");
+    m_service.news.Clear();
+}
+
+TEST_F(TwoEndpoints, AreNotHeldUpByAMessageToAPartnerThatDoesNotRead)
+{
+    Start();
+    AwaitDirectPath();
+    EndpointProcess stopped("client", CHANNEL);
+    m_service.news.Await("ready ", 2);
+    const Partner partner = m_service.endpoint.Partners().back();
+    AwaitDirect({partner});
+    stopped.Signal(SIGSTOP);
+    EXPECT_EQ(Status::ok, m_service.endpoint.Notify(partner, Bytes(6000000)));
+    EXPECT_EQ(Status::queue_full, m_service.endpoint.Notify(partner, Bytes(6000000)));
+    EXPECT_EQ(BytesOf("ba"), Request(m_client, m_to_service, BytesOf("ab")).data);
+    stopped.Signal(SIGCONT);
+    m_service.news.Await("room " + partner.Name());
+}
+
+TEST_F(TwoEndpoints, ThatBothSendALotAtOnceDoNotWaitForEachOther)
+{
+    Start();
+    AwaitDirectPath();
+    const auto ask = [](End& from, const Partner& to) {
+        for (int i = 0; i < 10; ++i)
+            EXPECT_EQ(Status::ok, from.endpoint.Request(to, Bytes(5000000), seconds(30)).status);
+    };
+    std::thread other([&] { ask(m_service, m_to_client); });
+    ask(m_client, m_to_service);
+    other.join();
+}
+
+TEST_F(TwoEndpoints, CountOneDescriptorAtEachEnd)
+{
+    Start();
+    AwaitDirectPath();
+    const std::size_t before = OpenDescriptors();
+    {
+        EndpointProcess one("client", CHANNEL);
+        EndpointProcess two("client", CHANNEL);
+        m_service.news.Await("ready ", 3);
+        AwaitDirect(m_service.endpoint.Partners());
+        // Beside the pipes to the two processes.
+        EXPECT_EQ(before + 2 + 2 * 2, OpenDescriptors());
+    }
+    m_service.news.Await("lost ", 2);
+    m_service.endpoint.Stop();
+    m_client.endpoint.Stop();
+    EXPECT_LT(OpenDescriptors(), before);
+}
+
+TEST_F(TwoEndpoints, AreDirectAgainAfterTheBusCameBack)
+{
+    Start();
+    AwaitDirectPath();
+    m_bus.Kill();
+    m_client.news.Await("lost ");
+    m_service.news.Await("lost ");
+    EXPECT_FALSE(m_to_client.IsDirect());
+    EXPECT_EQ(Status::bus_gone, Request(m_client, m_to_service, {}).status);
+    m_bus.Start();
+    m_client.news.Await("ready ", 2);
+    m_service.news.Await("ready ", 2);
+    m_to_client = m_service.AwaitPartner();
+    m_to_service = m_client.AwaitPartner();
+    AwaitDirectPath();
+    EXPECT_EQ(Status::ok, Request(m_client, m_to_service, {}).status);
+    EXPECT_THAT(m_client.news.Of("problem "), IsEmpty());
+}
+
+TEST_F(TwoEndpoints, HaveEverythingArriveThatWasSentBeforeAStop)
+{
+    Start();
+    AwaitDirectPath();
+    for (int i = 0; i < 1000; ++i)
+        ASSERT_EQ(Status::ok, m_client.endpoint.Notify(m_to_service, Numbered(i)));
+    m_client.endpoint.Stop();
+    m_service.news.Await("lost ");
+    const std::vector<std::string> heard = m_service.news.Of("notification ");
+    ASSERT_THAT(heard, SizeIs(1000));
+    EXPECT_EQ("999", heard.back());
+    EXPECT_THAT(m_service.news.Of("problem "), IsEmpty());
+}
+
+TEST_F(TwoEndpoints, TellACallerThatThePartnerHasStopped)
+{
+    m_service.endpoint.OnDeferredMessage([](Message& /*message*/, PelmarEndpoint::Reply reply) {
+        static std::vector<PelmarEndpoint::Reply> kept;
+        kept.push_back(std::move(reply));
+        WakeTest();
+    });
+    Start();
+    AwaitDirectPath();
+    std::atomic<int> told{0};
+    m_client.endpoint.Request(m_to_service, {}, seconds(30), [&](const Response& response) {
+        EXPECT_EQ(Status::partner_lost, response.status);
+        ++told;
+        WakeTest();
+    });
+    m_service.endpoint.Stop();
+    IterateUntil([&] { return told == 1; }, "the word of the end");
+}
+
+// ---- The switch-over -----------------------------------------------------------------------
+
+// Sends numbers from the moment it is ready, notifications and requests in turn, and looks at those
+// that come.
+class Counter {
+public:
+    explicit Counter(Role role) : m_endpoint(role, CHANNEL)
+    {
+        m_endpoint.OnReady([this](const Partner& partner) {
+            m_sender = std::thread([this, partner] { Send(partner); });
+        });
+        m_endpoint.OnNotification([this](Message& message) { Take(message.data); });
+        m_endpoint.OnMessage([this](Message& message) {
+            Take(message.data);
+            return std::move(message.data);
+        });
+    }
+    ~Counter()
+    {
+        if (m_sender.joinable())
+            m_sender.join();
+        m_endpoint.Stop();
+    }
+    void Start() { m_endpoint.Start(); }
+    bool IsDone() const { return m_next == COUNT && m_answered == COUNT / 4; }
+    int Misplaced() const { return m_misplaced; }
+
+private:
+    static constexpr int COUNT = 80;
+
+    void Send(const Partner& partner)
+    {
+        for (int i = 0; i < COUNT; ++i) {
+            if (i % 4 != 0) {
+                EXPECT_EQ(Status::ok, m_endpoint.Notify(partner, Numbered(i)));
+                continue;
+            }
+            m_endpoint.Request(partner, Numbered(i), seconds(30),
+                               [this, i](const Response& response) {
+                                   if (response.data != Numbered(i) || i != 4 * m_answered)
+                                       ++m_misplaced;
+                                   ++m_answered;
+                                   WakeTest();
+                               });
+        }
+    }
+    void Take(const Bytes& data)
+    {
+        if (data != Numbered(m_next))
+            ++m_misplaced;
+        ++m_next;
+        WakeTest();
+    }
+
+    std::atomic<int> m_next{0};
+    std::atomic<int> m_answered{0};
+    std::atomic<int> m_misplaced{0};
+    std::thread m_sender;
+    PelmarEndpoint m_endpoint;
+};
+
+TEST(ASwitchOver, LosesAndMisplacesNothing)
+{
+    const TestBus bus;
+    for (int round = 0; round < Scale("PELMAR_SWITCH_OVERS", 60); ++round) {
+        Counter service(Role::service);
+        Counter client(Role::client);
+        service.Start();
+        client.Start();
+        IterateUntil([&] { return service.IsDone() && client.IsDone(); }, "all messages");
+        ASSERT_EQ(0, service.Misplaced()) << "in round " << round;
+        ASSERT_EQ(0, client.Misplaced()) << "in round " << round;
+    }
+}
+
+// ---- A partner that is killed --------------------------------------------------------------
+
+TEST_F(TwoEndpoints, HearEverythingThatAKilledPartnerHadSent)
+{
+    m_service.endpoint.Start();
+    for (int round = 0; round < Scale("PELMAR_KILLS", 15); ++round) {
+        m_service.news.Clear();
+        EndpointProcess client("client", CHANNEL);
+        m_service.news.Await("ready ");
+        const Partner partner = m_service.endpoint.Partners().front();
+        AwaitDirect({partner});
+        constexpr int count = 200;
+        for (int i = 0; i < count; ++i)
+            client.WriteLine("notify 78");
+        client.WriteLine("send " + m_service.endpoint.Name() + " 79");
+        client.WaitForLine("reply ");
+        client.Signal(SIGKILL);
+        m_service.news.Await("lost ");
+        const std::vector<std::string> all = m_service.news.All();
+        EXPECT_THAT(m_service.news.Of("notification "), SizeIs(count));
+        EXPECT_EQ("lost ", all.back().substr(0, 5));
+    }
+    EXPECT_THAT(m_service.news.Of("problem "), IsEmpty());
+}
+
+// ---- Somebody who opens a path and does not keep to it -------------------------------------
+
+class AService : public EndpointTest {
+protected:
+    AService()
+    {
+        Make(Role::service);
+        m_endpoint->SetWindow(1000000);
+        m_endpoint->Start();
+    }
+
+    // What the endpoint answers to Open, or 99 for an error.
+    guint32 Open(const BusActor& actor, int descriptor, guint32 version = 1) const
+    {
+        GUnixFDList* list = g_unix_fd_list_new();
+        if (descriptor >= 0)
+            g_unix_fd_list_append(list, descriptor, nullptr);
+        GVariant* answer = g_dbus_connection_call_with_unix_fd_list_sync(
+            actor.Connection(), OwnName().c_str(), names::Path(CHANNEL).c_str(),
+            DIRECT_PATH_INTERFACE, "Open", g_variant_new("(uh)", version, 0), G_VARIANT_TYPE("(u)"),
+            G_DBUS_CALL_FLAGS_NONE, 5000, list, nullptr, nullptr, nullptr);
+        g_object_unref(list);
+        if (answer == nullptr)
+            return 99;
+        guint32 result = 0;
+        g_variant_get(answer, "(u)", &result);
+        g_variant_unref(answer);
+        return result;
+    }
+    void Switch(BusActor& actor) const
+    {
+        GDBusMessage* call = g_dbus_message_new_method_call(
+            OwnName().c_str(), names::Path(CHANNEL).c_str(), DIRECT_PATH_INTERFACE, "Switch");
+        g_dbus_message_set_flags(call, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+        g_dbus_connection_send_message(actor.Connection(), call, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                       nullptr, nullptr);
+        g_object_unref(call);
+        actor.Settle();
+    }
+
+    // Its own end of a path that the endpoint has taken.
+    Descriptor OpenPath(BusActor& actor)
+    {
+        MakeReady(actor);
+        auto [own, theirs] = ConnectedSockets();
+        EXPECT_EQ(1U, Open(actor, theirs.Number()));
+        Switch(actor);
+        return std::move(own);
+    }
+    static void Write(const Descriptor& socket, const Bytes& bytes)
+    {
+        EXPECT_EQ(static_cast<ssize_t>(bytes.size()),
+                  send(socket.Number(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
+    }
+    static Bytes FrameOf(FrameType type, std::uint32_t serial, const Bytes& payload)
+    {
+        FrameHead head;
+        head.type = type;
+        head.serial = serial;
+        head.size = payload.size();
+        const auto encoded = EncodeHead(head);
+        Bytes bytes(encoded.begin(), encoded.end());
+        bytes.insert(bytes.end(), payload.begin(), payload.end());
+        return bytes;
+    }
+    static Bytes Greeting() { return FrameOf(FrameType::hello, 0, EncodeHello({1, 1000000})); }
+
+    // The path of the actor fails, once, and it is a partner on the bus again.
+    void ExpectFailure(BusActor& actor, const std::string& fault)
+    {
+        const std::string name = actor.UniqueName();
+        m_news.Await("problem the direct path of " + name);
+        EXPECT_THAT(m_news.Of("problem ").back(), HasSubstr(fault));
+        m_news.Await("lost " + name);
+        m_news.Await("ready " + name, 2);
+        EXPECT_FALSE(PartnerOf(actor).IsDirect());
+        EXPECT_EQ(Problem::direct_path, m_news.Problems().back());
+        Settle(actor);
+        EXPECT_EQ(1U, m_news.Count("problem the direct path of " + name));
+    }
+};
+
+TEST_F(AService, TakesThePathOfAPartnerThatKeepsToTheProtocol)
+{
+    BusActor actor(m_bus);
+    const Descriptor socket = OpenPath(actor);
+    EXPECT_FALSE(PartnerOf(actor).IsDirect());
+    Write(socket, Greeting());
+    AwaitDirect({PartnerOf(actor)});
+    Write(socket, FrameOf(FrameType::notify, 0, BytesOf("hello")));
+    m_news.Await("notification hello");
+    Write(socket, FrameOf(FrameType::request, 5, BytesOf("abc")));
+    const Bytes expected = FrameOf(FrameType::answer, 5, BytesOf("cba"));
+    Bytes came(FrameHead::SIZE + 16 + expected.size());
+    IterateUntil(
+        [&] {
+            return recv(socket.Number(), came.data(), came.size(), MSG_PEEK | MSG_DONTWAIT) ==
+                   static_cast<ssize_t>(came.size());
+        },
+        "the answer");
+    recv(socket.Number(), came.data(), came.size(), MSG_DONTWAIT);
+    EXPECT_EQ(expected,
+              Bytes(came.end() - static_cast<std::ptrdiff_t>(expected.size()), came.end()));
+}
+
+TEST_F(AService, TakesNoPathOfAStrangerOrASecondOne)
+{
+    BusActor stranger(m_bus);
+    auto [own, theirs] = ConnectedSockets();
+    EXPECT_EQ(0U, Open(stranger, theirs.Number()));
+    BusActor partner(m_bus);
+    MakeReady(partner);
+    EXPECT_EQ(1U, Open(partner, theirs.Number()));
+    EXPECT_EQ(0U, Open(partner, theirs.Number()));
+    EXPECT_EQ(0U, Open(stranger, theirs.Number()));
+}
+
+TEST_F(AService, TakesNothingButAConnectedStream)
+{
+    BusActor partner(m_bus);
+    MakeReady(partner);
+    const std::size_t before = OpenDescriptors();
+    std::vector<Descriptor> odd;
+    odd.emplace_back(open("/dev/zero", O_RDWR));
+    odd.emplace_back(open("/", O_RDONLY | O_DIRECTORY));
+    odd.emplace_back(open("/tmp", O_PATH));
+    odd.emplace_back(eventfd(0, 0));
+    odd.emplace_back(socket(AF_UNIX, SOCK_STREAM, 0));
+    odd.emplace_back(socket(AF_INET, SOCK_STREAM, 0));
+    int pair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, pair));
+    odd.emplace_back(pair[0]);
+    odd.emplace_back(pair[1]);
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair));
+    odd.emplace_back(pair[0]);
+    odd.emplace_back(pair[1]);
+    ASSERT_EQ(0, pipe(pair));
+    odd.emplace_back(pair[0]);
+    odd.emplace_back(pair[1]);
+    for (const Descriptor& descriptor : odd)
+        EXPECT_EQ(0U, Open(partner, descriptor.Number())) << descriptor.Number();
+    EXPECT_EQ(0U, Open(partner, -1));
+    odd.clear();
+    EXPECT_EQ(before, OpenDescriptors());
+    EXPECT_THAT(m_news.Of("problem "), IsEmpty());
+    auto [own, theirs] = ConnectedSockets();
+    EXPECT_EQ(1U, Open(partner, theirs.Number()));
+}
+
+TEST_F(AService, EndsThePathOfWhomItDoesNotUnderstand)
+{
+    const std::vector<std::pair<Bytes, std::string>> faults = {
+        {Bytes(16, '\xff'), "before the greeting"},
+        {FrameOf(FrameType::notify, 0, {}), "before the greeting"},
+        {FrameOf(FrameType::hello, 0, Bytes(16)), "a greeting that is none"},
+        {FrameOf(FrameType::hello, 0, EncodeHello({2, 100})), "a greeting that is none"},
+        {Greeting() + Greeting(), "a second greeting"},
+        {Greeting() + FrameOf(FrameType::answer, 1, {}), "nobody asked"},
+        {Greeting() + FrameOf(FrameType::error, 1, {'x'}), "nobody asked"},
+        {Greeting() + FrameOf(static_cast<FrameType>(99), 0, {}), "unknown frame type 99"},
+        {Greeting() + Bytes(16, '\x7f'), "reserved"},
+    };
+    const std::size_t before = OpenDescriptors();
+    for (const auto& [bytes, fault] : faults) {
+        BusActor actor(m_bus);
+        const Descriptor socket = OpenPath(actor);
+        Write(socket, bytes);
+        ExpectFailure(actor, fault);
+        char byte = 0;
+        while (recv(socket.Number(), &byte, 1, MSG_DONTWAIT) > 0) {
+        }
+        EXPECT_EQ(0, recv(socket.Number(), &byte, 1, 0)) << "the other end is closed";
+    }
+    IterateUntil([&] { return m_endpoint->Partners().empty(); }, "all ends");
+    // The endpoint's own for all paths.
+    EXPECT_LE(OpenDescriptors(), before + 1);
+}
+
+TEST_F(AService, EndsThePathOfWhomPassesItADescriptor)
+{
+    BusActor actor(m_bus);
+    const Descriptor socket = OpenPath(actor);
+    Write(socket, Greeting());
+    Bytes bytes = FrameOf(FrameType::notify, 0, {});
+    iovec part = {bytes.data(), bytes.size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof(int));
+    const int passed = STDERR_FILENO;
+    std::copy_n(reinterpret_cast<const unsigned char*>(&passed), sizeof passed, CMSG_DATA(header));
+    ASSERT_GT(sendmsg(socket.Number(), &message, MSG_NOSIGNAL), 0);
+    ExpectFailure(actor, "descriptor");
+}
+
+TEST_F(AService, EndsThePathWhoseOtherEndWasClosed)
+{
+    BusActor actor(m_bus);
+    {
+        const Descriptor socket = OpenPath(actor);
+        Write(socket, Greeting() + FrameOf(FrameType::notify, 0, BytesOf("last")));
+        m_news.Await("notification last");
+    }
+    ExpectFailure(actor, "closed");
+}
+
+TEST_F(AService, DeliversNoHalfMessage)
+{
+    BusActor actor(m_bus);
+    {
+        const Descriptor socket = OpenPath(actor);
+        Bytes bytes = Greeting() + FrameOf(FrameType::notify, 0, BytesOf("whole")) +
+                      FrameOf(FrameType::notify, 0, BytesOf("half"));
+        bytes.pop_back();
+        Write(socket, bytes);
+        m_news.Await("notification whole");
+    }
+    actor.Leave();
+    m_news.Await("lost ");
+    EXPECT_EQ(1U, m_news.Count("notification "));
+}
+
+TEST_F(AService, IsNotMovedByAPathThatNobodyReadsFrom)
+{
+    BusActor actor(m_bus);
+    const Descriptor socket = OpenPath(actor);
+    Write(socket, Greeting());
+    const Partner partner = PartnerOf(actor);
+    AwaitDirect({partner});
+    std::size_t taken = 0;
+    while (m_endpoint->Notify(partner, Bytes(10000)) == Status::ok)
+        taken += 10000;
+    EXPECT_LE(taken, 1000000 + OF_THE_SOCKET);
+    End client(Role::client);
+    client.endpoint.Start();
+    EXPECT_EQ(Status::ok, client.endpoint.Request(client.AwaitPartner(), {}, seconds(10)).status);
+}
+
+}  // namespace
