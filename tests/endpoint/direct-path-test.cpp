@@ -48,6 +48,15 @@ std::size_t OpenDescriptors()
     return count;
 }
 
+// GIO closes those of a message when it has done with it.
+void AwaitDescriptors(std::size_t count)
+{
+    const auto deadline = In(TEST_DEADLINE);
+    while (OpenDescriptors() != count && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(milliseconds(1));
+    EXPECT_EQ(count, OpenDescriptors());
+}
+
 // Nobody is told of it.
 void AwaitDirect(const std::vector<Partner>& partners)
 {
@@ -205,7 +214,7 @@ TEST_F(TwoEndpoints, CountOneDescriptorAtEachEnd)
         m_service.news.Await("ready ", 3);
         AwaitDirect(m_service.endpoint.Partners());
         // Beside the pipes to the two processes.
-        EXPECT_EQ(before + 2 + 2 * 2, OpenDescriptors());
+        AwaitDescriptors(before + 2 + 2 * 2);
     }
     m_service.news.Await("lost ", 2);
     m_service.endpoint.Stop();
@@ -508,7 +517,7 @@ TEST_F(AService, TakesNothingButAConnectedStream)
         EXPECT_EQ(0U, Open(partner, descriptor.Number())) << descriptor.Number();
     EXPECT_EQ(0U, Open(partner, -1));
     odd.clear();
-    EXPECT_EQ(before, OpenDescriptors());
+    AwaitDescriptors(before);
     EXPECT_THAT(m_news.Of("problem "), IsEmpty());
     auto [own, theirs] = ConnectedSockets();
     EXPECT_EQ(1U, Open(partner, theirs.Number()));
@@ -540,7 +549,7 @@ TEST_F(AService, EndsThePathOfWhomItDoesNotUnderstand)
     }
     IterateUntil([&] { return m_endpoint->Partners().empty(); }, "all ends");
     // The endpoint's own for all paths.
-    EXPECT_LE(OpenDescriptors(), before + 1);
+    AwaitDescriptors(before + 1);
 }
 
 TEST_F(AService, EndsThePathOfWhomPassesItADescriptor)
