@@ -73,8 +73,8 @@ std::optional<Hello> DecodeHello(const std::vector<char>& payload)
 
 std::vector<char> EncodeError(FrameError error, const std::string& text)
 {
-    std::vector<char> payload(1, static_cast<char>(error));
-    payload.insert(payload.end(), text.begin(), text.end());
+    std::vector<char> payload(1 + text.size(), static_cast<char>(error));
+    std::copy(text.begin(), text.end(), payload.begin() + 1);
     return payload;
 }
 
