@@ -1,7 +1,10 @@
 #include "direct-poll.h"
 
+#include <poll.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 
@@ -11,27 +14,73 @@ constexpr std::size_t AT_A_TIME = 64;
 
 }  // namespace
 
-DirectPoll::DirectPoll() : m_epoll(epoll_create1(EPOLL_CLOEXEC)) {}
+DirectPoll::DirectPoll()
+    : m_sockets(epoll_create1(EPOLL_CLOEXEC)),
+      m_for_loop(epoll_create1(EPOLL_CLOEXEC)),
+      m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      m_end(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    epoll_event event{};
+    event.events = EPOLLIN;
+    epoll_ctl(m_for_loop.Number(), EPOLL_CTL_ADD, m_sockets.Number(), &event);
+}
+
+void DirectPoll::LetLoopIn(bool is_let_in)
+{
+    epoll_event event{};
+    event.events = is_let_in ? EPOLLIN : 0U;
+    epoll_ctl(m_for_loop.Number(), EPOLL_CTL_MOD, m_sockets.Number(), &event);
+}
+
+void DirectPoll::Wait()
+{
+    std::array<pollfd, 2> polled = {
+        {{m_sockets.Number(), POLLIN, 0}, {m_wake.Number(), POLLIN, 0}}};
+    poll(polled.data(), polled.size(), -1);
+    eventfd_t count = 0;
+    if ((polled[1].revents & POLLIN) != 0)
+        eventfd_read(m_wake.Number(), &count);
+}
+
+void DirectPoll::Wake()
+{
+    eventfd_write(m_wake.Number(), 1);
+}
+
+void DirectPoll::WaitFor(int socket, std::chrono::steady_clock::time_point deadline) const
+{
+    using std::chrono::milliseconds;
+    const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
+    const milliseconds longest = std::chrono::hours(1);
+    std::array<pollfd, 2> polled = {{{socket, POLLIN, 0}, {m_end.Number(), POLLIN, 0}}};
+    poll(polled.data(), polled.size(),
+         static_cast<int>(std::clamp(left, milliseconds(0), longest).count()));
+}
+
+void DirectPoll::End()
+{
+    eventfd_write(m_end.Number(), 1);
+}
 
 void DirectPoll::Watch(int socket, std::uint64_t key, bool reads, bool writes)
 {
     epoll_event event{};
     event.events = (reads ? EPOLLIN : 0U) | (writes ? EPOLLOUT : 0U);
     event.data.u64 = key;
-    if (epoll_ctl(m_epoll.Number(), EPOLL_CTL_MOD, socket, &event) != 0 && errno == ENOENT)
-        epoll_ctl(m_epoll.Number(), EPOLL_CTL_ADD, socket, &event);
+    if (epoll_ctl(m_sockets.Number(), EPOLL_CTL_MOD, socket, &event) != 0 && errno == ENOENT)
+        epoll_ctl(m_sockets.Number(), EPOLL_CTL_ADD, socket, &event);
 }
 
 void DirectPoll::Forget(int socket)
 {
-    epoll_ctl(m_epoll.Number(), EPOLL_CTL_DEL, socket, nullptr);
+    epoll_ctl(m_sockets.Number(), EPOLL_CTL_DEL, socket, nullptr);
 }
 
 void DirectPoll::Look(
     const std::function<void(std::uint64_t key, bool may_read, bool may_write)>& take)
 {
     std::array<epoll_event, AT_A_TIME> events{};
-    const int count = epoll_wait(m_epoll.Number(), events.data(), AT_A_TIME, 0);
+    const int count = epoll_wait(m_sockets.Number(), events.data(), AT_A_TIME, 0);
     for (int i = 0; i < count; ++i) {
         const epoll_event& event = events[static_cast<std::size_t>(i)];
         // The end of a socket is read.

@@ -3,18 +3,36 @@
 #ifndef PELMAR_DIRECT_POLL_H
 #define PELMAR_DIRECT_POLL_H
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 
 #include "direct-socket.h"
 
+//
+// Either of two threads waits: the endpoint's loop, by a descriptor, or another in Wait, as long as
+// the loop is kept out.
 class DirectPoll {
 public:
     // Not open when the process has no descriptors left.
     DirectPoll();
 
-    bool IsOpen() const { return m_epoll.IsOpen(); }
-    int Number() const { return m_epoll.Number(); }
+    bool IsOpen() const
+    {
+        return m_sockets.IsOpen() && m_for_loop.IsOpen() && m_wake.IsOpen() && m_end.IsOpen();
+    }
+
+    // What the loop waits for; ready when there is something to look at and the loop is let in.
+    int ForLoop() const { return m_for_loop.Number(); }
+    void LetLoopIn(bool is_let_in);
+
+    // Returns when there is something to look at, or after Wake.
+    void Wait();
+    void Wake();
+
+    // Returns when the socket can be read, at the deadline, or after End.
+    void WaitFor(int socket, std::chrono::steady_clock::time_point deadline) const;
+    void End();
 
     // Reports `key` when the socket can be read or written; again with other wishes, none included.
     void Watch(int socket, std::uint64_t key, bool reads, bool writes);
@@ -24,7 +42,10 @@ public:
     void Look(const std::function<void(std::uint64_t key, bool may_read, bool may_write)>& take);
 
 private:
-    const Descriptor m_epoll;
+    const Descriptor m_sockets;
+    const Descriptor m_for_loop;
+    const Descriptor m_wake;
+    const Descriptor m_end;
 };
 
 #endif

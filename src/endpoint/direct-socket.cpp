@@ -51,7 +51,7 @@ bool IsConnectedStream(int descriptor)
            getpeername(descriptor, reinterpret_cast<sockaddr*>(&address), &size) == 0;
 }
 
-DirectSocket::~DirectSocket()
+void DirectSocket::Shutdown()
 {
     shutdown(m_socket.Number(), SHUT_RDWR);
 }

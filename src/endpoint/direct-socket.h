@@ -57,12 +57,15 @@ public:
         : m_socket(std::move(socket)), m_reader(largest)
     {
     }
-    // Also where somebody else holds the descriptor the other side sees the end.
-    ~DirectSocket();
+    ~DirectSocket() { Shutdown(); }
     DirectSocket(const DirectSocket&) = delete;
     DirectSocket& operator=(const DirectSocket&) = delete;
 
     int Number() const { return m_socket.Number(); }
+
+    // The end, which the other side sees also where somebody else holds the descriptor, and whoever
+    // waits for the socket.
+    void Shutdown();
 
     // The frame leaves with Flush, after those before it. `payload` may be null.
     void Write(FrameHead head, Payload payload);

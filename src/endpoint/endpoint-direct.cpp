@@ -30,6 +30,12 @@ constexpr int READS_AT_A_TIME = 4;
 // How long the bus may take to tell of the end of a partner whose socket has ended.
 constexpr milliseconds END_PATIENCE{1000};
 
+bool DirectPathIsForbidden()
+{
+    const char* value = std::getenv("PELMAR_DIRECT");
+    return value != nullptr && std::strcmp(value, "0") == 0;
+}
+
 PelmarEndpoint::Status StatusOf(FrameError error)
 {
     using Status = PelmarEndpoint::Status;
@@ -56,27 +62,43 @@ FrameError FrameErrorOf(const char* bus_error_name)
 
 // ---- Agreeing on it ------------------------------------------------------------------------
 
-bool DirectPathIsForbidden()
+// While the handlers' own thread has nothing to do, it reads the sockets itself, and what it reads
+// it handles without another thread in between.
+class PelmarEndpoint::Impl::DirectIdle final : public HandlerIdle {
+public:
+    explicit DirectIdle(Impl& impl) : m_impl(impl) {}
+    void Wait() override
+    {
+        DirectPoll& poll = *m_impl.m_direct_poll;
+        poll.LetLoopIn(false);
+        poll.Wait();
+        m_impl.LookAtDirectPaths();
+        poll.LetLoopIn(true);
+    }
+    void Wake() override { m_impl.m_direct_poll->Wake(); }
+
+private:
+    Impl& m_impl;
+};
+
+// Before the handlers are run. Where descriptors are short everything stays on the bus.
+void PelmarEndpoint::Impl::PrepareDirectPaths(EventLoop& loop)
 {
-    const char* value = std::getenv("PELMAR_DIRECT");
-    return value != nullptr && std::strcmp(value, "0") == 0;
+    if (!m_settings.direct_path || DirectPathIsForbidden())
+        return;
+    auto poll = std::make_unique<DirectPoll>();
+    if (!poll->IsOpen())
+        return;
+    m_direct_poll = std::move(poll);
+    m_direct_idle = std::make_unique<DirectIdle>(*this);
+    m_direct_source.reset(g_unix_fd_source_new(m_direct_poll->ForLoop(), G_IO_IN));
+    g_source_set_callback(m_direct_source.get(), G_SOURCE_FUNC(cb_Direct), this, nullptr);
+    g_source_attach(m_direct_source.get(), loop.Context());
 }
 
-bool PelmarEndpoint::Impl::MayGoDirect(const Peer& peer)
+bool PelmarEndpoint::Impl::MayGoDirect(const Peer& peer) const
 {
-    if (!m_settings.direct_path || m_never_direct.count(peer.Name()) != 0)
-        return false;
-    if (m_direct_poll == nullptr) {
-        m_direct_poll = std::make_unique<DirectPoll>();
-        if (!m_direct_poll->IsOpen()) {
-            m_direct_poll.reset();
-            return false;
-        }
-        m_direct_source.reset(g_unix_fd_source_new(m_direct_poll->Number(), G_IO_IN));
-        g_source_set_callback(m_direct_source.get(), G_SOURCE_FUNC(cb_Direct), this, nullptr);
-        g_source_attach(m_direct_source.get(), m_loop->Context());
-    }
-    return true;
+    return m_direct_poll != nullptr && m_never_direct.count(peer.Name()) == 0;
 }
 
 // A client asks each service once; what cannot answer stays on the bus.
@@ -161,7 +183,7 @@ void PelmarEndpoint::Impl::StartWriting(const PeerPtr& peer, Descriptor socket)
 {
     Hello hello;
     hello.largest = std::max(m_settings.intake, MAX_BUS_MESSAGE_BYTES);
-    peer->socket = std::make_unique<DirectSocket>(std::move(socket), hello.largest);
+    peer->socket = std::make_shared<DirectSocket>(std::move(socket), hello.largest);
     FrameHead head;
     head.type = FrameType::hello;
     WriteFrame(*peer, head, std::make_shared<const Bytes>(EncodeHello(hello)));
@@ -179,7 +201,7 @@ void PelmarEndpoint::Impl::StartReading(const PeerPtr& peer)
 
 void PelmarEndpoint::Impl::WatchDirect(Peer& peer)
 {
-    const bool reads = peer.reads_direct && !peer.is_paused && !peer.has_ended;
+    const bool reads = peer.reads_direct && !peer.is_paused && !peer.has_ended && !peer.has_reader;
     const bool writes = peer.socket->Waiting() != 0 && !peer.has_ended;
     if (std::exchange(peer.watched, std::make_pair(reads, writes)) != std::make_pair(reads, writes))
         m_direct_poll->Watch(peer.socket->Number(), peer.partner->number, reads, writes);
@@ -255,6 +277,39 @@ bool PelmarEndpoint::Impl::TakeFrame(const PeerPtr& peer, Frame frame)
             return true;
     }
     return true;
+}
+
+// The thread that waits for the answer reads what comes, for all; so it need not be woken.
+void PelmarEndpoint::Impl::ReadUntilAnswered(Lock& lock, const PeerPtr& peer,
+                                             const OpenRequest& request,
+                                             Deadlines::TimePoint deadline)
+{
+    const std::shared_ptr<DirectSocket> socket = peer->socket;
+    peer->has_reader = true;
+    WatchDirect(*peer);
+    while (!request.over && MayRead(*peer) && Clock::now() < deadline) {
+        lock.unlock();
+        m_direct_poll->WaitFor(socket->Number(), deadline);
+        lock.lock();
+        if (MayRead(*peer))
+            ReadDirect(peer, READS_AT_A_TIME);
+    }
+    peer->has_reader = false;
+    if (peer->socket == nullptr)
+        return;
+    WatchDirect(*peer);
+    for (const RequestPtr& other : peer->requests) {
+        if (!other->done && !other->over) {
+            other->told.notify_all();
+            return;
+        }
+    }
+}
+
+bool PelmarEndpoint::Impl::MayRead(const Peer& peer) const
+{
+    return peer.socket != nullptr && peer.reads_direct && !peer.is_paused && !peer.has_ended &&
+           !m_stopped;
 }
 
 void PelmarEndpoint::Impl::TakeDirectMessage(const PeerPtr& peer, Frame frame)
@@ -504,6 +559,7 @@ void PelmarEndpoint::Impl::CloseDirectPath(Peer& peer)
     m_direct_poll->Forget(peer.socket->Number());
     m_direct_peers.erase(peer.partner->number);
     peer.partner->direct = false;
+    peer.socket->Shutdown();
     peer.socket.reset();
     peer.opening.reset();
 }

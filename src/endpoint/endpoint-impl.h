@@ -36,9 +36,6 @@
 #include "partner-window.h"
 #include "pelmar-endpoint.h"
 
-// By the environment of the process.
-bool DirectPathIsForbidden();
-
 // Bytes on their way, maybe to several.
 using Payload = std::shared_ptr<const std::vector<char>>;
 
@@ -288,7 +285,9 @@ private:
     void RefuseAnswer(const PeerPtr& peer, const CallOrigin& origin);
 
     // The direct path (endpoint-direct.cpp), with the mutex held but for cb_Direct.
-    bool MayGoDirect(const Peer& peer);
+    class DirectIdle;
+    void PrepareDirectPaths(EventLoop& loop);
+    bool MayGoDirect(const Peer& peer) const;
     void OpenDirectPath(const PeerPtr& peer);
     void DirectPathAnswered(const PeerPtr& peer, Descriptor socket, GDBusMessage* answer);
     void TakeOpen(GDBusMessage* call);
@@ -301,6 +300,10 @@ private:
     static gboolean cb_Direct(gint descriptor, GIOCondition condition, gpointer user_data);
     void LookAtDirectPaths();
     void ReadDirect(const PeerPtr& peer, int reads);
+    void ReadUntilAnswered(Lock& lock, const PeerPtr& peer, const OpenRequest& request,
+                           Deadlines::TimePoint deadline);
+    bool MayRead(const Peer& peer) const;
+    void AwaitAnswer(Lock& lock, const OpenRequest& request, Deadlines::TimePoint deadline);
     bool TakeFrame(const PeerPtr& peer, Frame frame);
     void TakeDirectMessage(const PeerPtr& peer, Frame frame);
     bool TakeDirectAnswer(const PeerPtr& peer, Frame frame);
@@ -397,7 +400,8 @@ private:
     std::deque<std::weak_ptr<Peer>> m_backlog;
 
     // Direct paths.
-    std::unique_ptr<DirectPoll> m_direct_poll;  // null before the first
+    std::unique_ptr<DirectPoll> m_direct_poll;  // null: there are none
+    std::unique_ptr<HandlerIdle> m_direct_idle;
     SourcePtr m_direct_source;
     std::unordered_map<std::uint64_t, PeerPtr> m_direct_peers;  // by the partner's number
     std::vector<std::uint64_t> m_paused;   // those of them that the handlers do not keep up with
@@ -452,9 +456,10 @@ struct PelmarEndpoint::Impl::Peer {
     // The direct path. What is sent takes it as soon as there is a socket.
     bool was_opened = false;
     std::optional<std::pair<bus_message::CallId, Descriptor>> opening;  // until it is ready
-    std::unique_ptr<DirectSocket> socket;
+    std::shared_ptr<DirectSocket> socket;
     std::deque<std::uint64_t> written;  // the position of each frame that the socket has not taken
     bool reads_direct = false;          // it sends nothing by the bus any more
+    bool has_reader = false;            // a thread that waits for an answer
     bool is_paused = false;
     bool said_bye = false;
     bool has_ended = false;
@@ -473,7 +478,7 @@ struct PelmarEndpoint::Impl::OpenRequest : OutgoingBody {
 
     std::weak_ptr<Peer> peer;
     std::function<void(Response)> done;  // empty: a thread waits for it
-    std::condition_variable told;
+    mutable std::condition_variable told;
     Deadlines::Id deadline = 0;
     bool sent = false;
     guint32 bus_serial = 0;    // when it was sent there

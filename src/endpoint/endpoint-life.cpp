@@ -129,15 +129,17 @@ void PelmarEndpoint::Impl::Start()
                     hand_on = m_settings.executor](const std::function<void()>& task) {
             loop->Post([hand_on, task] { CallGuarded("executor", [&] { hand_on(task); }); });
         };
+    PrepareDirectPaths(*loop);
+    HandlerIdle* const idle = executor ? nullptr : m_direct_idle.get();
     try {
-        m_queue->Open(std::move(executor));
+        m_queue->Open(std::move(executor), idle);
     } catch (...) {
+        m_direct_source.reset();
         loop->Post([&loop] { loop->End(); });
         loop->Join();
         throw;
     }
     m_loop = std::move(loop);
-    m_settings.direct_path = m_settings.direct_path && !DirectPathIsForbidden();
     m_started = true;
     m_timer = std::make_unique<LoopTimer>(*m_loop);
     m_loop->Post([this] { Connect(); });
@@ -358,6 +360,8 @@ bool PelmarEndpoint::Impl::Stop(milliseconds flush)
         return true;
     }
     m_changed.notify_all();
+    if (m_direct_poll != nullptr)
+        m_direct_poll->End();
     for (const RequestPtr& request : AllOpenRequests())
         Finish(request, {Status::stopped});
     lock.unlock();

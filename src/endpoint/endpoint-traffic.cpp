@@ -483,11 +483,26 @@ PelmarEndpoint::Response PelmarEndpoint::Impl::Request(const Partner& partner, B
     if (status != Status::ok)
         return {status, {}, ToString(status)};
     Pump(request->peer.lock());
-    request->told.wait_until(lock, deadline, [&request] { return request->over; });
+    AwaitAnswer(lock, *request, deadline);
     if (!request->over)
         Finish(request, {Status::timeout});
     lock.unlock();
     return request->TakeResponse();
+}
+
+// One of those that wait for a partner reads its direct path.
+void PelmarEndpoint::Impl::AwaitAnswer(Lock& lock, const OpenRequest& request,
+                                       Deadlines::TimePoint deadline)
+{
+    bool is_late = false;
+    while (!request.over && !is_late) {
+        const PeerPtr peer = request.peer.lock();
+        if (peer != nullptr && MayRead(*peer) && !peer->has_reader)
+            ReadUntilAnswered(lock, peer, request, deadline);
+        else
+            request.told.wait_until(lock, deadline);
+        is_late = Clock::now() >= deadline;
+    }
 }
 
 PelmarEndpoint::Call PelmarEndpoint::Impl::Request(const Partner& partner, Bytes data,

@@ -21,10 +21,11 @@ HandlerQueue::~HandlerQueue()
         m_thread.detach();
 }
 
-void HandlerQueue::Open(Executor executor)
+void HandlerQueue::Open(Executor executor, HandlerIdle* idle)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_executor = std::move(executor);
+    m_idle = idle;
     m_open = true;
     if (!m_executor)
         m_thread =
@@ -47,7 +48,7 @@ void HandlerQueue::Post(Task task)
     if (m_executor)
         Schedule();
     else if (!m_running)
-        m_changed.notify_all();
+        WakeThread();
 }
 
 // With the lock held: an executor hands on and does not call.
@@ -61,12 +62,33 @@ void HandlerQueue::Schedule()
 void HandlerQueue::RunInThread()
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    while (true) {
-        m_changed.wait(lock, [this] { return m_closed || !m_tasks.empty(); });
-        if (m_closed)
-            return;
-        RunFirst(lock);
+    while (!m_closed) {
+        if (m_tasks.empty())
+            WaitForTasks(lock);
+        else
+            RunFirst(lock);
     }
+}
+
+void HandlerQueue::WaitForTasks(std::unique_lock<std::mutex>& lock)
+{
+    if (m_idle == nullptr) {
+        m_changed.wait(lock, [this] { return m_closed || !m_tasks.empty(); });
+        return;
+    }
+    m_is_idle = true;
+    lock.unlock();
+    m_idle->Wait();
+    lock.lock();
+    m_is_idle = false;
+}
+
+// With the lock held. What is posted by the thread itself it finds without.
+void HandlerQueue::WakeThread()
+{
+    m_changed.notify_all();
+    if (std::this_thread::get_id() != m_thread.get_id() && std::exchange(m_is_idle, false))
+        m_idle->Wake();
 }
 
 void HandlerQueue::RunOne()
@@ -126,7 +148,7 @@ void HandlerQueue::Close()
 {
     std::unique_lock<std::mutex> lock(m_mutex);
     m_closed = true;
-    m_changed.notify_all();
+    WakeThread();
     m_changed.wait(lock, [this] { return !m_running; });
     std::deque<Task> left = std::move(m_tasks);
     std::thread thread = std::move(m_thread);

@@ -18,6 +18,20 @@ public:
     virtual void Abandon() {}
 };
 
+// What the queue's own thread waits for beside tasks.
+class HandlerIdle {
+public:
+    HandlerIdle() = default;
+    virtual ~HandlerIdle() = default;
+    HandlerIdle(const HandlerIdle&) = delete;
+    HandlerIdle& operator=(const HandlerIdle&) = delete;
+
+    // Returns when there may be a task; in the queue's thread. It may post tasks.
+    virtual void Wait() = 0;
+    // Has Wait return, or the next one; from any thread.
+    virtual void Wake() = 0;
+};
+
 class HandlerQueue : public std::enable_shared_from_this<HandlerQueue> {
 public:
     using Task = std::unique_ptr<HandlerTask>;
@@ -28,9 +42,10 @@ public:
     HandlerQueue(const HandlerQueue&) = delete;
     HandlerQueue& operator=(const HandlerQueue&) = delete;
 
-    // From now on tasks are run, without an executor in a thread of the queue's own. Throws
-    // std::system_error when there can be no thread.
-    void Open(Executor executor);
+    // From now on tasks are run, without an executor in a thread of the queue's own. `idle`, which
+    // may be null, is used by that thread until Close. Throws std::system_error when there can be
+    // no thread.
+    void Open(Executor executor, HandlerIdle* idle = nullptr);
 
     // From any thread. A task that comes after Close is abandoned by the caller's thread.
     void Post(Task task);
@@ -47,12 +62,15 @@ public:
 
 private:
     void RunInThread();
+    void WaitForTasks(std::unique_lock<std::mutex>& lock);
+    void WakeThread();
     void Schedule();
     void RunOne();
     void RunFirst(std::unique_lock<std::mutex>& lock);
     void CallInside(const std::function<void()>& function) const;
 
     Executor m_executor;
+    HandlerIdle* m_idle = nullptr;
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::deque<Task> m_tasks;
@@ -60,6 +78,7 @@ private:
     bool m_closed = false;
     bool m_scheduled = false;  // the executor has a call of RunOne that has not ended
     bool m_running = false;
+    bool m_is_idle = false;  // the thread is in m_idle->Wait, and was not woken
     std::thread m_thread;
 };
 

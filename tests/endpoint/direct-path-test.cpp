@@ -57,18 +57,6 @@ void AwaitDescriptors(std::size_t count)
     EXPECT_EQ(count, OpenDescriptors());
 }
 
-// Nobody is told of it.
-void AwaitDirect(const std::vector<Partner>& partners)
-{
-    const auto deadline = In(TEST_DEADLINE);
-    for (const Partner& partner : partners) {
-        while (!partner.IsDirect()) {
-            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "no direct path";
-            std::this_thread::sleep_for(milliseconds(1));
-        }
-    }
-}
-
 // ---- Two endpoints -------------------------------------------------------------------------
 
 class TwoEndpoints : public testing::Test {
@@ -548,8 +536,7 @@ TEST_F(AService, EndsThePathOfWhomItDoesNotUnderstand)
         EXPECT_EQ(0, recv(socket.Number(), &byte, 1, 0)) << "the other end is closed";
     }
     IterateUntil([&] { return m_endpoint->Partners().empty(); }, "all ends");
-    // The endpoint's own for all paths.
-    AwaitDescriptors(before + 1);
+    AwaitDescriptors(before);
 }
 
 TEST_F(AService, EndsThePathOfWhomPassesItADescriptor)

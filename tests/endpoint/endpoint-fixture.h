@@ -94,6 +94,26 @@ inline const std::string SETTLING = "settling";
 /// What the kernel takes of a direct path that nobody reads from.
 constexpr std::size_t OF_THE_SOCKET = 512UL * 1024;
 
+/// Until the partners, all endpoints, go past the bus; of that nobody is told.
+inline void AwaitDirect(const std::vector<Partner>& partners)
+{
+    const auto deadline = In(TEST_DEADLINE);
+    for (const Partner& partner : partners) {
+        while (!partner.IsDirect()) {
+            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "no direct path";
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+}
+
+/// The same, unless the test runs on the bus.
+inline void AwaitItsWay(const Partner& partner)
+{
+    const char* direct = std::getenv("PELMAR_DIRECT");
+    if (direct == nullptr || std::string(direct) != "0")
+        AwaitDirect({partner});
+}
+
 /// What the handlers of an endpoint were told, as lines, in order. From any thread.
 class News {
 public:

@@ -46,6 +46,7 @@ protected:
         auto process = std::make_unique<EndpointProcess>("client", CHANNEL);
         process->WaitForLine("ready ");
         IterateUntil([&] { return m_endpoint->Partners().size() == known + 1; }, "the partner");
+        AwaitItsWay(m_endpoint->Partners().back());
         process->Signal(SIGSTOP);
         process->WaitUntilStopped();
         m_stalled.push_back(std::move(process));

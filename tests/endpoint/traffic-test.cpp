@@ -391,6 +391,7 @@ TEST_F(ANotificationToAStoppedPartner, FindsTheWindowFullUntilThePartnerGoesOn)
     process.WaitForLine("ready ");
     m_news.Await("ready ");
     const Partner partner = m_endpoint->Partners().front();
+    AwaitItsWay(partner);
     process.Signal(SIGSTOP);
     const std::size_t taken = FillWindowOf(partner);
     EXPECT_LE(taken, WINDOW + OF_THE_SOCKET);
