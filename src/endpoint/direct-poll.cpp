@@ -3,6 +3,8 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -18,11 +20,20 @@ DirectPoll::DirectPoll()
     : m_sockets(epoll_create1(EPOLL_CLOEXEC)),
       m_for_loop(epoll_create1(EPOLL_CLOEXEC)),
       m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      m_end(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+      m_end(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      m_timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK))
 {
     epoll_event event{};
     event.events = EPOLLIN;
     epoll_ctl(m_for_loop.Number(), EPOLL_CTL_ADD, m_sockets.Number(), &event);
+    epoll_ctl(m_sockets.Number(), EPOLL_CTL_ADD, m_timer.Number(), &event);
+}
+
+void DirectPoll::RemindIn(std::chrono::microseconds time)
+{
+    itimerspec once{};
+    once.it_value.tv_nsec = std::chrono::nanoseconds(time).count();
+    timerfd_settime(m_timer.Number(), 0, &once, nullptr);
 }
 
 void DirectPoll::LetLoopIn(bool is_let_in)
@@ -83,6 +94,10 @@ void DirectPoll::Look(
     const int count = epoll_wait(m_sockets.Number(), events.data(), AT_A_TIME, 0);
     for (int i = 0; i < count; ++i) {
         const epoll_event& event = events[static_cast<std::size_t>(i)];
+        std::uint64_t expirations = 0;
+        if (event.data.u64 == 0 &&
+            read(m_timer.Number(), &expirations, sizeof expirations) != sizeof expirations)
+            continue;
         // The end of a socket is read.
         take(event.data.u64, (event.events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0,
              (event.events & EPOLLOUT) != 0);

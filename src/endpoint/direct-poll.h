@@ -19,7 +19,8 @@ public:
 
     bool IsOpen() const
     {
-        return m_sockets.IsOpen() && m_for_loop.IsOpen() && m_wake.IsOpen() && m_end.IsOpen();
+        return m_sockets.IsOpen() && m_for_loop.IsOpen() && m_wake.IsOpen() && m_end.IsOpen() &&
+               m_timer.IsOpen();
     }
 
     // What the loop waits for; ready when there is something to look at and the loop is let in.
@@ -38,6 +39,9 @@ public:
     void Watch(int socket, std::uint64_t key, bool reads, bool writes);
     void Forget(int socket);
 
+    // Has Look report the key 0 after that time; nobody else's is 0.
+    void RemindIn(std::chrono::microseconds time);
+
     // What is the case now, without waiting: a call for each socket of some.
     void Look(const std::function<void(std::uint64_t key, bool may_read, bool may_write)>& take);
 
@@ -46,6 +50,7 @@ private:
     const Descriptor m_for_loop;
     const Descriptor m_wake;
     const Descriptor m_end;
+    const Descriptor m_timer;
 };
 
 #endif

@@ -12,7 +12,7 @@
 namespace {
 
 // Frames that are written at a time, a head and a payload each.
-constexpr std::size_t MOST_FRAMES = 32;
+constexpr std::size_t MOST_FRAMES = 128;
 
 bool HasOption(int descriptor, int option, int wanted)
 {

@@ -24,6 +24,12 @@ constexpr guint32 NOT_NOW = 0;
 // What waits beyond the socket's own buffer; the rest waits in the partner's window.
 constexpr std::size_t OUTBOX_BYTES = 256UL * 1024;
 
+// What is sent so soon after the last is written with what follows it, up to so much and after so
+// long.
+constexpr std::chrono::microseconds BURST{10};
+constexpr std::chrono::microseconds BURST_DELAY{50};
+constexpr std::size_t BURST_BYTES = 64UL * 1024;
+
 // Others get their turn after so many reads of one partner.
 constexpr int READS_AT_A_TIME = 4;
 
@@ -202,7 +208,7 @@ void PelmarEndpoint::Impl::StartReading(const PeerPtr& peer)
 void PelmarEndpoint::Impl::WatchDirect(Peer& peer)
 {
     const bool reads = peer.reads_direct && !peer.is_paused && !peer.has_ended && !peer.has_reader;
-    const bool writes = peer.socket->Waiting() != 0 && !peer.has_ended;
+    const bool writes = peer.socket->Waiting() != 0 && !peer.writes_soon && !peer.has_ended;
     if (std::exchange(peer.watched, std::make_pair(reads, writes)) != std::make_pair(reads, writes))
         m_direct_poll->Watch(peer.socket->Number(), peer.partner->number, reads, writes);
 }
@@ -218,14 +224,20 @@ void PelmarEndpoint::Impl::LookAtDirectPaths()
 {
     const Lock lock(m_mutex);
     m_direct_poll->Look([this](std::uint64_t number, bool may_read, bool may_write) {
+        if (number == 0) {
+            WriteBursts();
+            return;
+        }
         const auto found = m_direct_peers.find(number);
         if (found == m_direct_peers.end())
             return;
         const PeerPtr peer = found->second;
         if (may_read)
             ReadDirect(peer, READS_AT_A_TIME);
-        if (may_write && peer->socket != nullptr)
+        if (may_write && peer->socket != nullptr) {
+            FlushDirect(*peer);
             AfterProgress(peer);
+        }
     });
 }
 
@@ -401,19 +413,59 @@ std::size_t PelmarEndpoint::Impl::LargestFor(const Peer& peer) const
 
 void PelmarEndpoint::Impl::PumpDirect(const PeerPtr& peer)
 {
-    bool takes = FlushDirect(*peer);
-    while (takes && peer->socket->Waiting() < OUTBOX_BYTES) {
-        const PartnerWindow::Item item = peer->window.NextAnyway();
-        if (item == nullptr)
-            break;
-        LeaveDirect(peer, item);
+    bool takes = true;
+    do {
+        FillOutbox(peer);
+        if (IsInBurst(*peer)) {
+            WriteSoon(*peer);
+            return;
+        }
         takes = FlushDirect(*peer);
-    }
+    } while (takes && peer->window.HasWaiting() && peer->socket->Waiting() < OUTBOX_BYTES);
     if (!takes)
         DirectPathEnded(peer);
     WatchDirect(*peer);
     if (m_stopped)
         m_changed.notify_all();
+}
+
+void PelmarEndpoint::Impl::FillOutbox(const PeerPtr& peer)
+{
+    while (peer->socket->Waiting() < OUTBOX_BYTES) {
+        const PartnerWindow::Item item = peer->window.NextAnyway();
+        if (item == nullptr)
+            return;
+        LeaveDirect(peer, item);
+    }
+}
+
+// One message right after another: they are written together.
+bool PelmarEndpoint::Impl::IsInBurst(Peer& peer)
+{
+    const auto now = Clock::now();
+    return now - std::exchange(peer.last_sent, now) < BURST && peer.socket->Waiting() < BURST_BYTES;
+}
+
+void PelmarEndpoint::Impl::WriteSoon(Peer& peer)
+{
+    if (std::exchange(peer.writes_soon, true))
+        return;
+    if (m_bursts.empty())
+        m_direct_poll->RemindIn(BURST_DELAY);
+    m_bursts.push_back(peer.partner->number);
+}
+
+void PelmarEndpoint::Impl::WriteBursts()
+{
+    for (const std::uint64_t number : std::exchange(m_bursts, {})) {
+        const auto found = m_direct_peers.find(number);
+        if (found == m_direct_peers.end())
+            continue;
+        const PeerPtr peer = found->second;
+        peer->writes_soon = false;
+        FlushDirect(*peer);
+        AfterProgress(peer);
+    }
 }
 
 // What the socket has taken does not wait any more.

@@ -311,6 +311,10 @@ private:
     void PauseOrGoOn(Peer& peer);
     void GoOnReading();
     void PumpDirect(const PeerPtr& peer);
+    void FillOutbox(const PeerPtr& peer);
+    static bool IsInBurst(Peer& peer);
+    void WriteSoon(Peer& peer);
+    void WriteBursts();
     static bool FlushDirect(Peer& peer);
     static void WriteFrame(Peer& peer, const FrameHead& head, Payload payload);
     void LeaveDirect(const PeerPtr& peer, const PartnerWindow::Item& item);
@@ -404,6 +408,7 @@ private:
     std::unique_ptr<HandlerIdle> m_direct_idle;
     SourcePtr m_direct_source;
     std::unordered_map<std::uint64_t, PeerPtr> m_direct_peers;  // by the partner's number
+    std::vector<std::uint64_t> m_bursts;   // those of them that are written to soon
     std::vector<std::uint64_t> m_paused;   // those of them that the handlers do not keep up with
     std::set<std::string> m_never_direct;  // whose direct path has failed
     std::vector<char> m_read_buffer;
@@ -458,8 +463,10 @@ struct PelmarEndpoint::Impl::Peer {
     std::optional<std::pair<bus_message::CallId, Descriptor>> opening;  // until it is ready
     std::shared_ptr<DirectSocket> socket;
     std::deque<std::uint64_t> written;  // the position of each frame that the socket has not taken
-    bool reads_direct = false;          // it sends nothing by the bus any more
-    bool has_reader = false;            // a thread that waits for an answer
+    Deadlines::TimePoint last_sent;
+    bool writes_soon = false;
+    bool reads_direct = false;  // it sends nothing by the bus any more
+    bool has_reader = false;    // a thread that waits for an answer
     bool is_paused = false;
     bool said_bye = false;
     bool has_ended = false;

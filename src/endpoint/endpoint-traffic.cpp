@@ -494,6 +494,8 @@ PelmarEndpoint::Response PelmarEndpoint::Impl::Request(const Partner& partner, B
 void PelmarEndpoint::Impl::AwaitAnswer(Lock& lock, const OpenRequest& request,
                                        Deadlines::TimePoint deadline)
 {
+    if (const PeerPtr peer = request.peer.lock(); peer != nullptr && peer->socket != nullptr)
+        FlushDirect(*peer);
     bool is_late = false;
     while (!request.over && !is_late) {
         const PeerPtr peer = request.peer.lock();
