@@ -606,6 +606,7 @@ void PelmarEndpoint::Impl::DrainDirectPath(const PeerPtr& peer)
 
 void PelmarEndpoint::Impl::CloseDirectPath(Peer& peer)
 {
+    peer.opening.reset();
     if (peer.socket == nullptr)
         return;
     m_direct_poll->Forget(peer.socket->Number());
@@ -613,5 +614,4 @@ void PelmarEndpoint::Impl::CloseDirectPath(Peer& peer)
     peer.partner->direct = false;
     peer.socket->Shutdown();
     peer.socket.reset();
-    peer.opening.reset();
 }
