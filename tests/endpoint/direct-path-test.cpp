@@ -61,6 +61,8 @@ void AwaitDescriptors(std::size_t count)
 
 class TwoEndpoints : public testing::Test {
 protected:
+    explicit TwoEndpoints(const std::string& configuration = "") : m_bus(configuration) {}
+
     void Start()
     {
         m_service.endpoint.Start();
@@ -134,6 +136,24 @@ TEST_F(TwoEndpoints, StayOnTheBusWhenTheEnvironmentWantsIt)
     Start();
     unsetenv("PELMAR_DIRECT");
     ExpectNoDirectPath();
+}
+
+class TwoEndpointsOnABusThatForbidsIt : public TwoEndpoints {
+protected:
+    TwoEndpointsOnABusThatForbidsIt()
+        : TwoEndpoints(
+              "<policy context=\"mandatory\">"
+              "<deny send_interface=\"org.vaska.pelmar.DirectPath1\"/></policy>")
+    {
+    }
+};
+
+TEST_F(TwoEndpointsOnABusThatForbidsIt, StayOnIt)
+{
+    Start();
+    ExpectNoDirectPath();
+    EXPECT_THAT(m_client.news.Of("problem "), IsEmpty());
+    EXPECT_THAT(m_service.news.Of("problem "), IsEmpty());
 }
 
 TEST_F(TwoEndpoints, MayBeToldAnythingElseInTheEnvironment)

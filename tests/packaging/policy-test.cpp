@@ -187,6 +187,24 @@ TEST_P(APolicy, ConnectsItsTwoUsersForTrafficBothWays)
     ExpectTrafficBothWays(ALPHA_SERVICE, ALPHA_CLIENT, "alpha");
 }
 
+TEST_P(APolicy, LetsItsTwoUsersGoPastTheBus)
+{
+    const auto start = [](const Account& account, const std::string& role) {
+        std::vector<std::string> words = StockBus::RunAs(account);
+        words.insert(words.end(), {PELMAR_ENDPOINT_PEER, role, "alpha"});
+        auto process = std::make_unique<ChildProcess>(words);
+        process->WaitForLine("on ");
+        return process;
+    };
+    const auto service = start(ALPHA_SERVICE, "service");
+    const auto client = start(ALPHA_CLIENT, "client");
+    for (const auto& process : {service.get(), client.get()}) {
+        process->WaitForLine("ready ");
+        process->WriteLine("way");
+        EXPECT_EQ("direct", process->WaitForLine("way "));
+    }
+}
+
 TEST_P(APolicy, ConnectsMembersOfItsTwoGroupsForTrafficBothWays)
 {
     ExpectTrafficBothWays(BETA_SERVICE, BETA_CLIENT, "beta");

@@ -2,14 +2,15 @@
 //
 //   endpoint-peer service|client CHANNEL [--wait | --exit-when-bus-dies]
 //
-//   in:  notify HEX | notify-to NAME HEX | send NAME HEX | partners | stop | quit
+//   in:  notify HEX | notify-to NAME HEX | send NAME HEX | partners | way | stop | quit
 //   out: on | ready NAME | lost NAME | message HEX | notification HEX | reply HEX | error TEXT |
-//        status TEXT | partners NAME... | problem TEXT | bus_lost | bus_back | stopped |
-//        stopping
+//        status TEXT | partners NAME... | way direct|bus | problem TEXT | bus_lost | bus_back |
+//        stopped | stopping
 
 #include <future>
 #include <map>
 #include <mutex>
+#include <thread>
 
 #include "peer-lines.h"
 #include "pelmar-endpoint.h"
@@ -98,6 +99,16 @@ void SayPartners(const PelmarEndpoint& endpoint)
     Say("partners", names);
 }
 
+// Of the first partner, when it goes past the bus or has had the time to.
+void SayWay(const PelmarEndpoint& endpoint)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    const auto partner = endpoint.WaitForPartner(deadline);
+    while (partner && !partner->IsDirect() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    Say("way", partner && partner->IsDirect() ? "direct" : "bus");
+}
+
 // False when the program is to end.
 bool Obey(PelmarEndpoint& endpoint, const Acquaintances& acquaintances, const std::string& line)
 {
@@ -110,6 +121,8 @@ bool Obey(PelmarEndpoint& endpoint, const Acquaintances& acquaintances, const st
         SendTo(endpoint, acquaintances.Named(command.partner), command.data);
     else if (command.name == "partners")
         SayPartners(endpoint);
+    else if (command.name == "way")
+        SayWay(endpoint);
     else if (command.name == "stop")
         Say("stopped", endpoint.Stop() ? "yes" : "no");
     return command.name != "quit";
