@@ -526,6 +526,7 @@ TEST_F(ACall, ThatIsCancelledIsToldSoOnce)
     replies.front().Send({});
     EXPECT_EQ(Status::timeout, client.endpoint.Request(service, {}, milliseconds(100)).status);
     EXPECT_THAT(client.news.Of("done "), ElementsAre(PelmarEndpoint::ToString(Status::cancelled)));
+    m_news.Await("message", 2);
     PelmarEndpoint::Call().Cancel();
     client.endpoint.Stop();
     call.Cancel();
