@@ -60,7 +60,7 @@ GDBusMessage* PelmarEndpoint::Impl::cb_Message(GDBusConnection* connection, GDBu
 {
     if (incoming == FALSE)
         return message;
-    const auto self = static_cast<std::weak_ptr<Impl>*>(user_data)->lock();
+    const auto self = static_cast<const Access*>(user_data)->Lock();
     const bool opens = bus_message::HasMember(message, DIRECT_PATH_INTERFACE, "Open");
     // Nobody asked for others, and a message may wait for long.
     if (!opens)

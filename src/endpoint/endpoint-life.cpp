@@ -215,10 +215,10 @@ void PelmarEndpoint::Impl::ConnectionMade(Connection connection)
     g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
     m_closed_handler = g_signal_connect(connection.get(), "closed", G_CALLBACK(cb_Closed), this);
     // Not the filter's to free: GIO would do that in this loop, also when the loop has ended.
-    auto* const self = new std::weak_ptr<Impl>(weak_from_this());
-    g_object_set_data_full(G_OBJECT(connection.get()), "pelmar-endpoint", self,
-                           [](gpointer held) { delete static_cast<std::weak_ptr<Impl>*>(held); });
-    m_filter = g_dbus_connection_add_filter(connection.get(), cb_Message, self, nullptr);
+    auto* const access = new Access(weak_from_this());
+    g_object_set_data_full(G_OBJECT(connection.get()), "pelmar-endpoint", access,
+                           [](gpointer held) { delete static_cast<Access*>(held); });
+    m_filter = g_dbus_connection_add_filter(connection.get(), cb_Message, access, nullptr);
     static const GDBusInterfaceVTable vtable = {cb_LateCall, nullptr, nullptr, {}};
     m_object =
         g_dbus_connection_register_object(connection.get(), m_object_path.c_str(),
