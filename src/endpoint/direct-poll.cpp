@@ -73,13 +73,8 @@ void DirectPoll::End()
     eventfd_write(m_end.Number(), 1);
 }
 
-// The end of a socket is reported to whoever has it in his set, also where nothing is wished for.
 void DirectPoll::Watch(int socket, std::uint64_t key, bool reads, bool writes)
 {
-    if (!reads && !writes) {
-        Forget(socket);
-        return;
-    }
     epoll_event event{};
     event.events = (reads ? EPOLLIN : 0U) | (writes ? EPOLLOUT : 0U);
     event.data.u64 = key;

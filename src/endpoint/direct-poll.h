@@ -35,7 +35,8 @@ public:
     void WaitFor(int socket, std::chrono::steady_clock::time_point deadline) const;
     void End();
 
-    // Reports `key` when the socket can be read or written; again with other wishes, none included.
+    // Reports `key` when the socket can be read or written, and its end whatever is wished for;
+    // again with other wishes, none included, which costs less than to forget it for a while.
     void Watch(int socket, std::uint64_t key, bool reads, bool writes);
     void Forget(int socket);
 

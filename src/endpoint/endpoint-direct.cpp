@@ -207,8 +207,14 @@ void PelmarEndpoint::Impl::StartReading(const PeerPtr& peer)
 
 void PelmarEndpoint::Impl::WatchDirect(Peer& peer)
 {
-    const bool reads = peer.reads_direct && !peer.is_paused && !peer.has_ended && !peer.has_reader;
-    const bool writes = peer.socket->Waiting() != 0 && !peer.writes_soon && !peer.has_ended;
+    const bool reads = peer.reads_direct && !peer.is_paused && !peer.has_reader;
+    const bool writes = peer.socket->Waiting() != 0 && !peer.writes_soon;
+    // Where nobody looks at it, its end would be reported again and again.
+    if (peer.has_ended || (peer.is_paused && !writes)) {
+        m_direct_poll->Forget(peer.socket->Number());
+        peer.watched = {};
+        return;
+    }
     if (std::exchange(peer.watched, std::make_pair(reads, writes)) != std::make_pair(reads, writes))
         m_direct_poll->Watch(peer.socket->Number(), peer.partner->number, reads, writes);
 }
@@ -345,10 +351,13 @@ void PelmarEndpoint::Impl::TakeDirectMessage(const PeerPtr& peer, Frame frame)
     Deliver(peer, std::move(message));
 }
 
-// Nothing is refused on a direct path: what the handlers do not get round to stays in the socket.
+// Nothing is refused on a direct path: what the handlers do not get round to stays in the socket,
+// but for what is ahead of an answer: a handler may wait for that.
 void PelmarEndpoint::Impl::PauseOrGoOn(Peer& peer)
 {
-    const bool is_full = m_intake >= m_settings.intake && peer.waiting != 0;
+    const std::size_t share =
+        peer.direct_requests.empty() ? 0 : PartnerWindow::AHEAD_OF_ANSWER_BYTES;
+    const bool is_full = m_intake >= m_settings.intake && peer.waiting > share;
     if (peer.socket == nullptr || std::exchange(peer.is_paused, is_full) == is_full)
         return;
     if (is_full)
@@ -416,7 +425,7 @@ void PelmarEndpoint::Impl::PumpDirect(const PeerPtr& peer)
     bool takes = true;
     do {
         FillOutbox(peer);
-        if (IsInBurst(*peer)) {
+        if (peer->socket->Waiting() != 0 && IsInBurst(*peer)) {
             WriteSoon(*peer);
             return;
         }
@@ -504,6 +513,7 @@ void PelmarEndpoint::Impl::LeaveDirect(const PeerPtr& peer, const PartnerWindow:
             head.type = FrameType::request;
             head.serial = request->serial;
             WriteFrame(*peer, head, std::move(request->body));
+            PauseOrGoOn(*peer);
         }
     }
 }

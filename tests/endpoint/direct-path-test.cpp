@@ -282,6 +282,29 @@ TEST_F(TwoEndpoints, TellACallerThatThePartnerHasStopped)
     IterateUntil([&] { return told == 1; }, "the word of the end");
 }
 
+// The handler waits for an answer that comes behind more than the intake.
+TEST_F(TwoEndpoints, BringAnAnswerAlsoWhereTheIntakeIsFull)
+{
+    m_service.endpoint.SetIntake(100000);
+    std::atomic<bool> go_on{false};
+    m_service.endpoint.OnNotification([&](Message& message) {
+        if (TextOf(message.data) != "ask")
+            return;
+        while (!go_on)
+            std::this_thread::sleep_for(milliseconds(1));
+        const Response response =
+            m_service.endpoint.Request(message.from, BytesOf("ab"), seconds(5));
+        m_service.news.Add("answer " + TextOf(response.data));
+    });
+    Start();
+    AwaitDirectPath();
+    EXPECT_EQ(Status::ok, m_client.endpoint.Notify(m_to_service, BytesOf("ask")));
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(Status::ok, m_client.endpoint.Notify(m_to_service, Bytes(100000)));
+    go_on = true;
+    m_service.news.Await("answer ba");
+}
+
 // ---- The switch-over -----------------------------------------------------------------------
 
 // Sends numbers from the moment it is ready, notifications and requests in turn, and looks at those
