@@ -100,17 +100,6 @@ int TakeDescriptor(GDBusMessage* call)
     return g_unix_fd_list_get(list, handle, nullptr);
 }
 
-GVariant* Body(std::shared_ptr<const std::vector<char>> bytes)
-{
-    using Held = std::shared_ptr<const std::vector<char>>;
-    const char* data = bytes->data();
-    const gsize size = bytes->size();
-    GVariant* array = g_variant_new_from_data(
-        G_VARIANT_TYPE_BYTESTRING, data, size, TRUE,
-        [](gpointer held) { delete static_cast<Held*>(held); }, new Held(std::move(bytes)));
-    return g_variant_new_tuple(&array, 1);
-}
-
 CallId::CallId(GDBusMessage* call)
     : caller(g_dbus_message_get_sender(call)),
       serial(g_dbus_message_get_serial(call)),

@@ -46,9 +46,6 @@ MessagePtr OpenDirectPath(const std::string& partner, const std::string& path, g
 // The descriptor that came with such a call; the caller's from now on. -1 when there is none.
 int TakeDescriptor(GDBusMessage* call);
 
-// Floating "(ay)" over the bytes: none is copied.
-GVariant* Body(std::shared_ptr<const std::vector<char>> bytes);
-
 // What it takes to answer a call, without what was sent with it.
 struct CallId {
     explicit CallId(GDBusMessage* call);

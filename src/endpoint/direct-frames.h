@@ -69,9 +69,6 @@ public:
     // What is wrong with the stream; empty when nothing is.
     const std::string& Fault() const { return m_fault; }
 
-    // Whether a frame has begun that is not whole.
-    bool IsInside() const { return m_head_size != 0; }
-
 private:
     bool TakeHead(const char*& data, std::size_t& size);
     std::string FaultOf(const FrameHead& head) const;

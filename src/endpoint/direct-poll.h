@@ -1,5 +1,4 @@
-// Waits for the sockets of all direct paths at once: one descriptor, however many there are.
-// Internal.
+// Waits for the sockets of all direct paths at once. Internal.
 #ifndef PELMAR_DIRECT_POLL_H
 #define PELMAR_DIRECT_POLL_H
 
@@ -9,7 +8,6 @@
 
 #include "direct-socket.h"
 
-//
 // Either of two threads waits: the endpoint's loop, by a descriptor, or another in Wait, as long as
 // the loop is kept out.
 class DirectPoll {

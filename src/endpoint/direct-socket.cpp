@@ -11,6 +11,9 @@
 
 namespace {
 
+// How much is read at a time.
+constexpr std::size_t READ_SIZE = 256UL * 1024;
+
 // Frames that are written at a time, a head and a payload each.
 constexpr std::size_t MOST_FRAMES = 128;
 
@@ -104,6 +107,7 @@ void DirectSocket::Written(std::size_t size)
 
 DirectSocket::ReadResult DirectSocket::Read(std::vector<char>& buffer, std::vector<Frame>& frames)
 {
+    buffer.resize(READ_SIZE);
     iovec part = {buffer.data(), buffer.size()};
     msghdr message{};
     message.msg_iov = &part;

@@ -45,13 +45,11 @@ std::pair<Descriptor, Descriptor> ConnectedSockets();
 // Whether a descriptor of unknown origin is what a direct path runs on.
 bool IsConnectedStream(int descriptor);
 
+// Bytes on their way, maybe to several.
+using Payload = std::shared_ptr<const std::vector<char>>;
+
 class DirectSocket {
 public:
-    using Payload = std::shared_ptr<const std::vector<char>>;
-
-    // How much is read at a time.
-    static constexpr std::size_t READ_SIZE = 256UL * 1024;
-
     // `largest` message that is taken.
     DirectSocket(Descriptor socket, std::uint64_t largest)
         : m_socket(std::move(socket)), m_reader(largest)
@@ -77,7 +75,7 @@ public:
 
     // more: there may be much more; some: there may be; drained: nothing came.
     enum class ReadResult { more, some, drained, ended, at_fault };
-    // Reads once, into `buffer` of READ_SIZE, and adds to `frames`.
+    // Reads once and adds to `frames`. `buffer` is its to use, and worth being kept.
     ReadResult Read(std::vector<char>& buffer, std::vector<Frame>& frames);
 
     // What is wrong when a read was at fault.

@@ -153,15 +153,8 @@ void PelmarEndpoint::Impl::TakeQuestion(GDBusMessage* message)
     if (!m_stopped)
         Carry(m_handshake->Asked(question.caller));
     const PeerPtr peer = FindPeer(question.caller);
-    using Word = Handshake::Word;
-    const Word word = m_stopped ? Word::yes : m_handshake->WordFor(question.caller);
-    if (word == Word::unknown) {
-        TellUnknown(question);
-    } else if (word == Word::later) {
-        if (m_strangers_questions.size() < MOST_QUESTIONS_OF_STRANGERS)
-            m_strangers_questions.push_back(question);
-        else
-            RefuseQuestion(question);
+    if (!m_stopped && m_handshake->WordFor(question.caller) != Handshake::Word::yes) {
+        AnswerStranger(question);
     } else if (peer == nullptr || peer->accepted == peer->handled) {
         AnswerQuestion(question);
     } else if (peer->questions.size() < MOST_QUESTIONS_OF_ONE) {
@@ -183,23 +176,28 @@ void PelmarEndpoint::Impl::RefuseQuestion(const bus_message::CallId& question)
                 .get());
 }
 
-void PelmarEndpoint::Impl::TellUnknown(const bus_message::CallId& question)
+void PelmarEndpoint::Impl::AnswerStranger(const bus_message::CallId& question)
 {
-    SendNow(bus_message::Answer(question, bus_message::UnknownPartner()).get());
+    switch (m_handshake->WordFor(question.caller)) {
+        case Handshake::Word::yes:
+            AnswerQuestion(question);
+            return;
+        case Handshake::Word::unknown:
+            SendNow(bus_message::Answer(question, bus_message::UnknownPartner()).get());
+            return;
+        case Handshake::Word::later:
+            if (m_strangers_questions.size() < MOST_QUESTIONS_OF_STRANGERS)
+                m_strangers_questions.push_back(question);
+            else
+                RefuseQuestion(question);
+            return;
+    }
 }
 
 void PelmarEndpoint::Impl::AnswerStrangers()
 {
-    using Word = Handshake::Word;
-    for (const bus_message::CallId& question : std::exchange(m_strangers_questions, {})) {
-        const Word word = m_handshake->WordFor(question.caller);
-        if (word == Word::yes)
-            AnswerQuestion(question);
-        else if (word == Word::unknown)
-            TellUnknown(question);
-        else
-            m_strangers_questions.push_back(question);
-    }
+    for (const bus_message::CallId& question : std::exchange(m_strangers_questions, {}))
+        AnswerStranger(question);
 }
 
 // A name of the other side was released: a pulse. A unique name was: the end of a partner.

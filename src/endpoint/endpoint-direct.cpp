@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "byte-variant.h"
 #include "endpoint-impl.h"
 #include "endpoint-tasks.h"
 
@@ -251,7 +252,6 @@ void PelmarEndpoint::Impl::ReadDirect(const PeerPtr& peer, int reads)
 {
     using ReadResult = DirectSocket::ReadResult;
     ReadResult result = ReadResult::more;
-    m_read_buffer.resize(DirectSocket::READ_SIZE);
     for (int i = 0; result == ReadResult::more && i < reads && !peer->is_paused; ++i) {
         std::vector<Frame> frames;
         result = peer->socket->Read(m_read_buffer, frames);
@@ -344,9 +344,7 @@ void PelmarEndpoint::Impl::TakeDirectMessage(const PeerPtr& peer, Frame frame)
     }
     if (message.is_call)
         ++peer->unanswered;
-    m_intake += message.cost;
-    peer->waiting += message.cost;
-    ++peer->accepted;
+    CountIn(*peer, message.cost);
     PauseOrGoOn(*peer);
     Deliver(peer, std::move(message));
 }
@@ -369,11 +367,8 @@ void PelmarEndpoint::Impl::GoOnReading()
 {
     for (const std::uint64_t number : std::exchange(m_paused, {})) {
         const auto found = m_direct_peers.find(number);
-        if (found == m_direct_peers.end())
-            continue;
-        found->second->is_paused = false;
-        PauseOrGoOn(*found->second);
-        WatchDirect(*found->second);
+        if (found != m_direct_peers.end())
+            PauseOrGoOn(*found->second);
     }
 }
 
@@ -508,10 +503,9 @@ void PelmarEndpoint::Impl::LeaveDirect(const PeerPtr& peer, const PartnerWindow:
         case Outgoing::Kind::request: {
             const auto request = std::static_pointer_cast<OpenRequest>(item);
             request->sent = true;
-            peer->direct_requests[peer->last_serial + 1] = request;
-            request->serial = ++peer->last_serial;
             head.type = FrameType::request;
-            head.serial = request->serial;
+            head.serial = ++peer->last_serial;
+            peer->direct_requests[head.serial] = request;
             WriteFrame(*peer, head, std::move(request->body));
             PauseOrGoOn(*peer);
         }
@@ -527,9 +521,7 @@ void PelmarEndpoint::Impl::AnswerDirect(Peer& peer, const OutgoingAnswer& answer
     if (answer.origin.bus) {
         head.flags = FrameHead::OF_BUS;
         head.serial = answer.origin.bus->serial;
-        SendNow(bus_message::Answer(*answer.origin.bus,
-                                    bus_message::Body(std::make_shared<const Bytes>()))
-                    .get());
+        SendNow(bus_message::Answer(*answer.origin.bus, pelmar_bytes::Take({})).get());
     }
     WriteFrame(peer, head,
                answer.error == nullptr ? answer.body
@@ -592,8 +584,7 @@ void PelmarEndpoint::Impl::BeginAnewWithout(const PeerPtr& peer)
 {
     const std::string name = peer->Name();
     m_never_direct.insert(name);
-    EndPeer(name);
-    Carry(m_handshake->PulseSeen(Stage::syn, name));
+    BeginAnew(name);
 }
 
 // What has arrived is dealt with before the end is told.
@@ -604,7 +595,6 @@ void PelmarEndpoint::Impl::DrainDirectPath(const PeerPtr& peer)
         std::exchange(peer->is_drained, true))
         return;
     std::vector<Frame> frames;
-    m_read_buffer.resize(DirectSocket::READ_SIZE);
     ReadResult result = ReadResult::more;
     while (result == ReadResult::more || result == ReadResult::some)
         result = peer->socket->Read(m_read_buffer, frames);

@@ -31,13 +31,11 @@
 #include "direct-poll.h"
 #include "direct-socket.h"
 #include "event-loop.h"
+#include "hand-over.h"
 #include "handler-queue.h"
 #include "handshake.h"
 #include "partner-window.h"
 #include "pelmar-endpoint.h"
-
-// Bytes on their way, maybe to several.
-using Payload = std::shared_ptr<const std::vector<char>>;
 
 struct OutgoingBody : Outgoing {
     OutgoingBody(Kind of_kind, Payload of_body)
@@ -203,25 +201,20 @@ private:
     void Tell(const char* name, const std::function<void(Parameters...)>& handler,
               Arguments... arguments);
 
-    // By what GIO's thread gets at the endpoint, for as long as there is one. GLib's locks hand it
-    // over; the flag does it for the thread sanitizer, which does not see them.
+    // By what GIO's thread gets at the endpoint, for as long as there is one.
     struct Access {
-        explicit Access(std::weak_ptr<Impl> to) : impl(std::move(to))
-        {
-            is_handed_over.store(true, std::memory_order_release);
-        }
-        ~Access() { TakeOver(); }
+        explicit Access(std::weak_ptr<Impl> to) : impl(std::move(to)) {}
+        ~Access() { hand_over.Take(); }
         Access(const Access&) = delete;
         Access& operator=(const Access&) = delete;
         std::shared_ptr<Impl> Lock() const
         {
-            TakeOver();
+            hand_over.Take();
             return impl.lock();
         }
-        void TakeOver() const { static_cast<void>(is_handed_over.load(std::memory_order_acquire)); }
 
         const std::weak_ptr<Impl> impl;
-        std::atomic<bool> is_handed_over{false};
+        const HandOver hand_over;
     };
 
     // What comes from the bus (endpoint-bus.cpp).
@@ -259,6 +252,7 @@ private:
     // Traffic in (endpoint-traffic.cpp), with the mutex held.
     void TrafficCame(GDBusMessage* message);
     bool TakeIn(Peer& peer, std::size_t cost);
+    void CountIn(Peer& peer, std::size_t cost);
     void LetGo(Peer& peer, std::size_t cost);
     static Incoming FromBus(MessagePtr message);
     void Deliver(const PeerPtr& peer, Incoming message);
@@ -267,7 +261,7 @@ private:
                     const std::string& text);
     void AnswerQuestion(const bus_message::CallId& question);
     void RefuseQuestion(const bus_message::CallId& question);
-    void TellUnknown(const bus_message::CallId& question);
+    void AnswerStranger(const bus_message::CallId& question);
     void AnswerQuestions(Peer& peer);
     void ForgetIdleStrangers();
     bool TakeReply(Reply::State& reply);
@@ -284,6 +278,7 @@ private:
     Status Admit(const Partner& partner, std::size_t size, PeerPtr& peer) const;
     RequestPtr OpenNewRequest(const Partner& partner, Bytes data, Status& status);
     std::size_t LargestFor(const Peer& peer) const;
+    void AwaitAnswer(Lock& lock, const OpenRequest& request, Deadlines::TimePoint deadline);
     void Finish(const RequestPtr& request, Outcome outcome);
     void RequestAnswered(const RequestPtr& request, GDBusMessage* answer);
     void EndRequest(const RequestPtr& request, Outcome outcome, bool was_dealt_with);
@@ -299,6 +294,7 @@ private:
     void AskPeer(const PeerPtr& peer);
     void PeerAnswered(const PeerPtr& peer, std::uint64_t position, GDBusMessage* answer);
     void NotificationRefused(const PeerPtr& peer, GDBusMessage* error);
+    void BeginAnew(const std::string& name);
     void ForgetDealtWith(Peer& peer);
     void AfterProgress(const PeerPtr& peer);
     void AnswerWith(const PeerPtr& peer, const std::shared_ptr<OutgoingAnswer>& answer);
@@ -324,7 +320,6 @@ private:
     void ReadUntilAnswered(Lock& lock, const PeerPtr& peer, const OpenRequest& request,
                            Deadlines::TimePoint deadline);
     bool MayRead(const Peer& peer) const;
-    void AwaitAnswer(Lock& lock, const OpenRequest& request, Deadlines::TimePoint deadline);
     bool TakeFrame(const PeerPtr& peer, Frame frame);
     void TakeDirectMessage(const PeerPtr& peer, Frame frame);
     bool TakeDirectAnswer(const PeerPtr& peer, Frame frame);
@@ -509,8 +504,7 @@ struct PelmarEndpoint::Impl::OpenRequest : OutgoingBody {
     mutable std::condition_variable told;
     Deadlines::Id deadline = 0;
     bool sent = false;
-    guint32 bus_serial = 0;    // when it was sent there
-    std::uint32_t serial = 0;  // when it was sent by the direct path
+    guint32 bus_serial = 0;  // when it was sent there
 
     // What came of it; constant once `over` is true.
     bool over = false;

@@ -198,10 +198,15 @@ bool PelmarEndpoint::Impl::TakeIn(Peer& peer, std::size_t cost)
                    "out who sends so much");
         return false;
     }
+    CountIn(peer, cost);
+    return true;
+}
+
+void PelmarEndpoint::Impl::CountIn(Peer& peer, std::size_t cost)
+{
     m_intake += cost;
     peer.waiting += cost;
     ++peer.accepted;
-    return true;
 }
 
 void PelmarEndpoint::Impl::LetGo(Peer& peer, std::size_t cost)
@@ -664,7 +669,7 @@ void PelmarEndpoint::Impl::SendAnswer(const OutgoingAnswer& answer)
     if (answer.error != nullptr)
         SendNow(bus_message::Error(call, answer.error, answer.text).get());
     else
-        SendNow(bus_message::Answer(call, bus_message::Body(answer.body)).get());
+        SendNow(bus_message::Answer(call, pelmar_bytes::Share(answer.body)).get());
 }
 
 void PelmarEndpoint::Impl::Leave(const PeerPtr& peer, const PartnerWindow::Item& item)
@@ -679,7 +684,7 @@ void PelmarEndpoint::Impl::Leave(const PeerPtr& peer, const PartnerWindow::Item&
             const auto& notification = static_cast<OutgoingBody&>(*item);
             const guint32 serial =
                 SendNow(bus_message::Signal(peer->Name(), m_object_path,
-                                            bus_message::Body(notification.body))
+                                            pelmar_bytes::Share(notification.body))
                             .get(),
                         [this, peer](GDBusMessage* error) { NotificationRefused(peer, error); });
             if (serial != 0)
@@ -690,7 +695,7 @@ void PelmarEndpoint::Impl::Leave(const PeerPtr& peer, const PartnerWindow::Item&
             const auto request = std::static_pointer_cast<OpenRequest>(item);
             const MessagePtr call =
                 bus_message::Call(peer->Name(), m_object_path, CHANNEL_INTERFACE, CHANNEL_METHOD,
-                                  bus_message::Body(std::move(request->body)));
+                                  pelmar_bytes::Share(std::move(request->body)));
             request->sent = true;
             ++m_open_requests;
             ++peer->open_requests;
@@ -814,8 +819,17 @@ void PelmarEndpoint::Impl::NotificationRefused(const PeerPtr& peer, GDBusMessage
                "the bus does not let this process send notifications to " + name +
                    ": install the policy of the channel for this process's user",
                m_object_path);
+    if (reason == bus_error::LIMITS_EXCEEDED)
+        BeginAnew(name);
+    else
+        EndPeer(name);
+}
+
+// It is there as before; but what was on its way to it, or from it, is not.
+void PelmarEndpoint::Impl::BeginAnew(const std::string& name)
+{
     EndPeer(name);
-    if (reason == bus_error::LIMITS_EXCEEDED && !m_stopped)
+    if (!m_stopped)
         Carry(m_handshake->PulseSeen(Stage::syn, name));
 }
 

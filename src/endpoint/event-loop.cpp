@@ -1,34 +1,27 @@
 #include "event-loop.h"
 
-#include <atomic>
-
+#include "hand-over.h"
 #include "quiet-thread.h"
 
 namespace {
 
-// GLib's locks hand the task over to the thread that runs it; the flag does it for the thread
-// sanitizer, which does not see them.
+// Handed over to the thread that runs it.
 class HeldTask {
 public:
-    explicit HeldTask(EventLoop::Task task) : m_task(std::move(task))
-    {
-        m_handed_over.store(true, std::memory_order_release);
-    }
-    ~HeldTask() { TakeOver(); }
+    explicit HeldTask(EventLoop::Task task) : m_task(std::move(task)) {}
+    ~HeldTask() { m_hand_over.Take(); }
     HeldTask(const HeldTask&) = delete;
     HeldTask& operator=(const HeldTask&) = delete;
 
     void Run() const
     {
-        TakeOver();
+        m_hand_over.Take();
         m_task();
     }
 
 private:
-    void TakeOver() const { static_cast<void>(m_handed_over.load(std::memory_order_acquire)); }
-
     const EventLoop::Task m_task;
-    std::atomic<bool> m_handed_over{false};
+    const HandOver m_hand_over;
 };
 
 gboolean RunOnce(gpointer task)

@@ -11,18 +11,30 @@
 
 namespace pelmar_bytes {
 
+/// Floating "(ay)" over the bytes, which live as long as `owner`.
+template <typename Owner>
+GVariant* Over(const std::vector<char>& bytes, std::unique_ptr<Owner> owner)
+{
+    const auto free_owner = [](gpointer held) { delete static_cast<Owner*>(held); };
+    GVariant* array = g_variant_new_from_data(G_VARIANT_TYPE_BYTESTRING, bytes.data(), bytes.size(),
+                                              TRUE, free_owner, owner.release());
+    return g_variant_new_tuple(&array, 1);
+}
+
 /// Floating "(ay)" over the buffer itself: no byte is copied.
 inline GVariant* Take(std::vector<char>&& data)
 {
     auto owned = std::make_unique<std::vector<char>>(std::move(data));
-    const char* bytes = owned->data();
-    const gsize size = owned->size();
-    const auto free_buffer = [](gpointer buffer) {
-        delete static_cast<std::vector<char>*>(buffer);
-    };
-    GVariant* array = g_variant_new_from_data(G_VARIANT_TYPE_BYTESTRING, bytes, size, TRUE,
-                                              free_buffer, owned.release());
-    return g_variant_new_tuple(&array, 1);
+    const std::vector<char>& bytes = *owned;
+    return Over(bytes, std::move(owned));
+}
+
+/// The same over a buffer that others have, too.
+inline GVariant* Share(std::shared_ptr<const std::vector<char>> data)
+{
+    using Held = std::shared_ptr<const std::vector<char>>;
+    const std::vector<char>& bytes = *data;
+    return Over(bytes, std::make_unique<Held>(std::move(data)));
 }
 
 /// Floating "(ay)" over one copy of the buffer.

@@ -17,10 +17,10 @@ struct Complaint {
 std::vector<Complaint> CheckPolicy(const BusConfig& config, const std::string& file,
                                    const std::string& channel);
 
-// Rules that name an account which does not exist; the bus passes over them.
 // Whether clients of the channel may ask its services for a direct path.
 bool MayOpenPaths(const BusConfig& config, const std::string& channel);
 
+// Rules that name an account which does not exist; the bus passes over them.
 std::vector<Complaint> UnknownAccounts(const BusConfig& config);
 
 // Those that may be the given side of the channel: "user 'svc'", "everybody".
