@@ -10,8 +10,12 @@ namespace {
 constexpr std::array<char, 4> MAGIC = {'P', 'L', 'M', 'R'};
 constexpr std::size_t HELLO_SIZE = 16;
 
-// More is not reserved for a message before its bytes have come: a false size costs nothing.
+// More is not reserved for a message before some of its bytes have come: a false size costs
+// nothing.
 constexpr std::size_t MOST_RESERVED = 1024UL * 1024;
+constexpr std::size_t GROWTH = 8;
+
+constexpr std::size_t CAPACITY_SIZE = sizeof(std::uint64_t);
 
 template <typename Value>
 void Put(char* at, Value value)
@@ -27,12 +31,13 @@ Value Get(const char* at)
     return value;
 }
 
-// type, flags, two bytes that are 0, serial, size
+// type, flags, slot, serial, size
 FrameHead DecodeHead(const std::array<char, FrameHead::SIZE>& bytes)
 {
     FrameHead head;
     head.type = Get<FrameType>(bytes.data());
     head.flags = Get<std::uint8_t>(bytes.data() + 1);
+    head.slot = Get<std::uint16_t>(bytes.data() + 2);
     head.serial = Get<std::uint32_t>(bytes.data() + 4);
     head.size = Get<std::uint64_t>(bytes.data() + 8);
     return head;
@@ -45,6 +50,7 @@ std::array<char, FrameHead::SIZE> EncodeHead(const FrameHead& head)
     std::array<char, FrameHead::SIZE> bytes{};
     Put(bytes.data(), head.type);
     Put(bytes.data() + 1, head.flags);
+    Put(bytes.data() + 2, head.slot);
     Put(bytes.data() + 4, head.serial);
     Put(bytes.data() + 8, head.size);
     return bytes;
@@ -71,6 +77,18 @@ std::optional<Hello> DecodeHello(const std::vector<char>& payload)
     return hello;
 }
 
+std::vector<char> EncodeCapacity(std::uint64_t capacity)
+{
+    std::vector<char> payload(CAPACITY_SIZE);
+    Put(payload.data(), capacity);
+    return payload;
+}
+
+std::uint64_t DecodeCapacity(const std::vector<char>& payload)
+{
+    return Get<std::uint64_t>(payload.data());
+}
+
 std::vector<char> EncodeError(FrameError error, const std::string& text)
 {
     std::vector<char> payload(1 + text.size(), static_cast<char>(error));
@@ -82,15 +100,16 @@ bool FrameReader::Take(const char* data, std::size_t size, std::vector<Frame>& f
 {
     while (m_fault.empty() && TakeHead(data, size)) {
         std::vector<char>& payload = m_frame.payload;
-        const std::uint64_t missing = m_frame.head.size - payload.size();
+        const std::uint64_t whole = m_frame.head.IsInSlot() ? 0 : m_frame.head.size;
+        const std::uint64_t missing = whole - payload.size();
         const std::size_t part = missing < size ? static_cast<std::size_t>(missing) : size;
         if (payload.size() + part > payload.capacity())
             payload.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(
-                m_frame.head.size, std::max(2 * payload.capacity(), payload.size() + part))));
+                whole, std::max(GROWTH * payload.capacity(), payload.size() + part))));
         payload.insert(payload.end(), data, data + part);
         data += part;
         size -= part;
-        if (payload.size() < m_frame.head.size)
+        if (payload.size() < whole)
             break;
         m_head_size = 0;
         m_had_hello = true;
@@ -114,7 +133,7 @@ bool FrameReader::TakeHead(const char*& data, std::size_t& size)
         return false;
     m_frame.head = DecodeHead(m_head);
     m_fault = FaultOf(m_frame.head);
-    if (m_fault.empty())
+    if (m_fault.empty() && !m_frame.head.IsInSlot())
         m_frame.payload.reserve(std::min<std::uint64_t>(m_frame.head.size, MOST_RESERVED));
     return m_fault.empty();
 }
@@ -127,11 +146,16 @@ std::string FrameReader::FaultOf(const FrameHead& head) const
                                        std::to_string(most) + " are taken";
     };
     const std::string type = std::to_string(static_cast<unsigned>(head.type));
+    if (head.type < FrameType::hello || head.type > FrameType::taken)
+        return "unknown frame type " + type;
     if (m_had_hello == (head.type == FrameType::hello))
         return m_had_hello ? "a second greeting" : "frame type " + type + " before the greeting";
-    if (m_head[2] != 0 || m_head[3] != 0)
-        return "a frame whose reserved bytes are not 0";
     const bool is_reply = head.type == FrameType::answer || head.type == FrameType::error;
+    const bool is_message = head.type == FrameType::request || head.type == FrameType::answer ||
+                            head.type == FrameType::notify;
+    if (head.slot > (is_message || head.IsAboutSlot() ? DirectSlot::MOST : 0) ||
+        (head.IsAboutSlot() && head.slot == 0))
+        return "slot " + std::to_string(head.slot) + " of frame type " + type;
     if ((head.flags & ~(is_reply ? FrameHead::OF_BUS : 0U)) != 0)
         return "unknown flags " + std::to_string(head.flags) + " of frame type " + type;
     switch (head.type) {
@@ -145,6 +169,10 @@ std::string FrameReader::FaultOf(const FrameHead& head) const
             return head.size != 0 ? too_large(LONGEST_ERROR) : "an error without a reason";
         case FrameType::bye:
             return too_large(0);
+        case FrameType::slot:
+            return head.size == 0 || head.size == CAPACITY_SIZE ? "" : "a slot of a wrong size";
+        case FrameType::taken:
+            return head.size == 1 ? "" : "a word about a slot of a wrong size";
     }
-    return "unknown frame type " + type;
+    return "";
 }

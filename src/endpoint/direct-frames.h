@@ -16,7 +16,15 @@ enum class FrameType : std::uint8_t {
     answer = 3,   // the bytes that answer a request
     error = 4,    // that there are none: one byte that says why, and a text
     notify = 5,   // a notification
-    bye = 6       // nothing follows
+    bye = 6,      // nothing follows
+    slot = 7,     // with a descriptor: from now on there is such a slot; without bytes: no more
+    taken = 8     // one byte: whether a slot was taken
+};
+
+// Memory that both ends have (direct-slots.h).
+struct DirectSlot {
+    static constexpr std::uint16_t MOST = 4;  // of each end
+    static constexpr std::size_t MOST_CAPACITY = 16UL * 1024 * 1024;
 };
 
 struct FrameHead {
@@ -26,8 +34,12 @@ struct FrameHead {
 
     FrameType type = FrameType::bye;
     std::uint8_t flags = 0;
+    std::uint16_t slot = 0;  // whose bytes these are, or which it is about; 0: none
     std::uint32_t serial = 0;
-    std::uint64_t size = 0;  // of what follows, in bytes
+    std::uint64_t size = 0;  // in bytes: of what follows, or stands in the slot
+
+    bool IsAboutSlot() const { return type == FrameType::slot || type == FrameType::taken; }
+    bool IsInSlot() const { return slot != 0 && !IsAboutSlot(); }
 };
 
 // In the order of bytes of the machine: both ends are on one.
@@ -43,13 +55,16 @@ std::vector<char> EncodeHello(const Hello& hello);
 // Nothing when it is none that this side understands.
 std::optional<Hello> DecodeHello(const std::vector<char>& payload);
 
+std::vector<char> EncodeCapacity(std::uint64_t capacity);
+std::uint64_t DecodeCapacity(const std::vector<char>& payload);
+
 // Why a request has no answer.
 enum class FrameError : std::uint8_t { failed = 0, gone = 1, busy = 2 };
 std::vector<char> EncodeError(FrameError error, const std::string& text);
 
 struct Frame {
     FrameHead head;
-    std::vector<char> payload;
+    std::vector<char> payload;  // empty where the message is in a slot
 };
 
 // Puts the stream together again. What cannot be a frame ends it: nothing after that is looked at.
@@ -65,6 +80,12 @@ public:
 
     // From outside: the stream is at fault.
     void Fail(const std::string& fault) { m_fault = fault; }
+
+    // Whether the frame that a slot comes with has begun.
+    bool IsInsideSlot() const
+    {
+        return m_head_size != 0 && static_cast<FrameType>(m_head[0]) == FrameType::slot;
+    }
 
     // What is wrong with the stream; empty when nothing is.
     const std::string& Fault() const { return m_fault; }

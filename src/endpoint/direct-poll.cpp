@@ -7,12 +7,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 
 namespace {
 
-constexpr std::size_t AT_A_TIME = 64;
+// Beside the keys of sockets.
+constexpr std::uint64_t OF_TIMER = 0;
+constexpr std::uint64_t OF_WAKE = ~std::uint64_t{0};
 
 }  // namespace
 
@@ -26,7 +27,10 @@ DirectPoll::DirectPoll()
     epoll_event event{};
     event.events = EPOLLIN;
     epoll_ctl(m_for_loop.Number(), EPOLL_CTL_ADD, m_sockets.Number(), &event);
+    event.data.u64 = OF_TIMER;
     epoll_ctl(m_sockets.Number(), EPOLL_CTL_ADD, m_timer.Number(), &event);
+    event.data.u64 = OF_WAKE;
+    epoll_ctl(m_sockets.Number(), EPOLL_CTL_ADD, m_wake.Number(), &event);
 }
 
 void DirectPoll::RemindIn(std::chrono::microseconds time)
@@ -43,19 +47,37 @@ void DirectPoll::LetLoopIn(bool is_let_in)
     epoll_ctl(m_for_loop.Number(), EPOLL_CTL_MOD, m_sockets.Number(), &event);
 }
 
-void DirectPoll::Wait()
+DirectPoll::Events DirectPoll::Take(int timeout) const
 {
-    std::array<pollfd, 2> polled = {
-        {{m_sockets.Number(), POLLIN, 0}, {m_wake.Number(), POLLIN, 0}}};
-    poll(polled.data(), polled.size(), -1);
-    eventfd_t count = 0;
-    if ((polled[1].revents & POLLIN) != 0)
-        eventfd_read(m_wake.Number(), &count);
+    Events events;
+    events.count = epoll_wait(m_sockets.Number(), events.of.data(),
+                              static_cast<int>(events.of.size()), timeout);
+    return events;
+}
+
+DirectPoll::Events DirectPoll::Wait()
+{
+    const Events events = Take(-1);
+    ForgetWake();
+    return events;
+}
+
+DirectPoll::Events DirectPoll::Look() const
+{
+    return Take(0);
 }
 
 void DirectPoll::Wake()
 {
     eventfd_write(m_wake.Number(), 1);
+    m_woken = true;
+}
+
+void DirectPoll::ForgetWake()
+{
+    eventfd_t count = 0;
+    if (m_woken.exchange(false))
+        eventfd_read(m_wake.Number(), &count);
 }
 
 void DirectPoll::WaitFor(int socket, std::chrono::steady_clock::time_point deadline) const
@@ -87,16 +109,16 @@ void DirectPoll::Forget(int socket)
     epoll_ctl(m_sockets.Number(), EPOLL_CTL_DEL, socket, nullptr);
 }
 
-void DirectPoll::Look(
-    const std::function<void(std::uint64_t key, bool may_read, bool may_write)>& take)
+void DirectPoll::ForEach(
+    const Events& events,
+    const std::function<void(std::uint64_t key, bool may_read, bool may_write)>& take) const
 {
-    std::array<epoll_event, AT_A_TIME> events{};
-    const int count = epoll_wait(m_sockets.Number(), events.data(), AT_A_TIME, 0);
-    for (int i = 0; i < count; ++i) {
-        const epoll_event& event = events[static_cast<std::size_t>(i)];
+    for (int i = 0; i < events.count; ++i) {
+        const epoll_event& event = events.of[static_cast<std::size_t>(i)];
         std::uint64_t expirations = 0;
-        if (event.data.u64 == 0 &&
-            read(m_timer.Number(), &expirations, sizeof expirations) != sizeof expirations)
+        if (event.data.u64 == OF_WAKE ||
+            (event.data.u64 == OF_TIMER &&
+             read(m_timer.Number(), &expirations, sizeof expirations) != sizeof expirations))
             continue;
         // The end of a socket is read.
         take(event.data.u64, (event.events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0,

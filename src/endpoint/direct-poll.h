@@ -2,6 +2,10 @@
 #ifndef PELMAR_DIRECT_POLL_H
 #define PELMAR_DIRECT_POLL_H
 
+#include <sys/epoll.h>
+
+#include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -25,9 +29,15 @@ public:
     int ForLoop() const { return m_for_loop.Number(); }
     void LetLoopIn(bool is_let_in);
 
-    // Returns when there is something to look at, or after Wake.
-    void Wait();
+    // What is the case with some of the sockets.
+    struct Events {
+        std::array<epoll_event, 64> of;
+        int count = 0;
+    };
+    // When there is something, or after Wake, which counts until ForgetWake or a Wait.
+    Events Wait();
     void Wake();
+    void ForgetWake();
 
     // Returns when the socket can be read, at the deadline, or after End.
     void WaitFor(int socket, std::chrono::steady_clock::time_point deadline) const;
@@ -38,16 +48,24 @@ public:
     void Watch(int socket, std::uint64_t key, bool reads, bool writes);
     void Forget(int socket);
 
-    // Has Look report the key 0 after that time; nobody else's is 0.
+    // Reports the key 0 after that time; nobody else's is 0.
     void RemindIn(std::chrono::microseconds time);
 
-    // What is the case now, without waiting: a call for each socket of some.
-    void Look(const std::function<void(std::uint64_t key, bool may_read, bool may_write)>& take);
+    // Now, without waiting.
+    Events Look() const;
+
+    // A call for each socket.
+    void ForEach(
+        const Events& events,
+        const std::function<void(std::uint64_t key, bool may_read, bool may_write)>& take) const;
 
 private:
+    Events Take(int timeout) const;
+
     const Descriptor m_sockets;
     const Descriptor m_for_loop;
     const Descriptor m_wake;
+    std::atomic<bool> m_woken{false};
     const Descriptor m_end;
     const Descriptor m_timer;
 };

@@ -2,11 +2,11 @@
 
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 namespace {
@@ -17,6 +17,11 @@ constexpr std::size_t READ_SIZE = 256UL * 1024;
 // Frames that are written at a time, a head and a payload each.
 constexpr std::size_t MOST_FRAMES = 128;
 
+// Room for one descriptor beside the bytes.
+struct OneDescriptor {
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> bytes{};
+};
+
 bool HasOption(int descriptor, int option, int wanted)
 {
     int value = 0;
@@ -25,17 +30,6 @@ bool HasOption(int descriptor, int option, int wanted)
 }
 
 }  // namespace
-
-int Descriptor::Release()
-{
-    return std::exchange(m_number, -1);
-}
-
-void Descriptor::Close()
-{
-    if (m_number >= 0)
-        close(m_number);
-}
 
 std::pair<Descriptor, Descriptor> ConnectedSockets()
 {
@@ -59,40 +53,118 @@ void DirectSocket::Shutdown()
     shutdown(m_socket.Number(), SHUT_RDWR);
 }
 
+// ---- Out -----------------------------------------------------------------------------------
+
 void DirectSocket::Write(FrameHead head, Payload payload)
 {
     head.size = payload != nullptr ? payload->size() : 0;
-    m_waiting.push_back({EncodeHead(head), std::move(payload)});
+    if (OwnSlots::IsLarge(head.size) && FillSlot(head, payload))
+        payload.reset();
+    m_waiting.push_back({EncodeHead(head), std::move(payload), Descriptor(), /*is_own=*/false});
     m_waiting_bytes += m_waiting.back().Size();
+    ++m_frames_waiting;
+}
+
+// The first large message goes inline, and makes that the next need not.
+bool DirectSocket::FillSlot(FrameHead& head, const Payload& payload)
+{
+    head.slot = m_own_slots.Fill(*payload);
+    if (head.slot != 0)
+        return true;
+    if (auto offer = m_own_slots.MakeFor(payload->size()))
+        WriteOwn(FrameType::slot, offer->number, EncodeCapacity(offer->capacity),
+                 std::move(offer->memory));
+    return false;
+}
+
+void DirectSocket::WriteOwn(FrameType type, std::uint16_t slot, std::vector<char> payload,
+                            Descriptor memory)
+{
+    FrameHead head;
+    head.type = type;
+    head.slot = slot;
+    head.size = payload.size();
+    m_waiting.push_back({EncodeHead(head),
+                         std::make_shared<const std::vector<char>>(std::move(payload)),
+                         std::move(memory), /*is_own=*/true});
+    m_waiting_bytes += m_waiting.back().Size();
+    ++m_own_waiting;
+}
+
+bool DirectSocket::GiveUpIdleSlots()
+{
+    for (const std::uint16_t number : m_own_slots.GiveUpIdle())
+        WriteOwn(FrameType::slot, number, {});
+    return HasSlots();
 }
 
 bool DirectSocket::Flush()
 {
     while (!m_waiting.empty()) {
-        std::array<iovec, 2 * MOST_FRAMES> parts{};
-        std::size_t count = 0;
-        std::size_t skip = m_written;
-        const auto add = [&](const char* data, std::size_t size) {
-            const std::size_t skipped = std::min(skip, size);
-            skip -= skipped;
-            if (size != skipped)
-                parts[count++] = {const_cast<char*>(data) + skipped, size - skipped};
-        };
-        for (std::size_t i = 0; i < m_waiting.size() && i < MOST_FRAMES; ++i) {
-            const Item& item = m_waiting[i];
-            add(item.head.data(), item.head.size());
-            if (item.payload != nullptr)
-                add(item.payload->data(), item.payload->size());
-        }
-        msghdr message{};
-        message.msg_iov = parts.data();
-        message.msg_iovlen = count;
-        const ssize_t written = sendmsg(m_socket.Number(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (written < 0)
+        const bool has_memory = m_waiting.front().memory.IsOpen();
+        const ssize_t written = has_memory ? SendMemory(m_waiting.front()) : SendMany();
+        if (written >= 0)
+            Written(static_cast<std::size_t>(written));
+        else if (has_memory && errno == ETOOMANYREFS)
+            TakeBackOffer();
+        else
             return errno == EAGAIN || errno == EINTR || errno == ENOBUFS || errno == ENOMEM;
-        Written(static_cast<std::size_t>(written));
     }
     return true;
+}
+
+ssize_t DirectSocket::SendMany()
+{
+    std::array<iovec, 2 * MOST_FRAMES> parts{};
+    std::size_t count = 0;
+    std::size_t skip = m_written;
+    const auto add = [&](const char* data, std::size_t size) {
+        const std::size_t skipped = std::min(skip, size);
+        skip -= skipped;
+        if (size != skipped)
+            parts[count++] = {const_cast<char*>(data) + skipped, size - skipped};
+    };
+    for (std::size_t i = 0; i < m_waiting.size() && i < MOST_FRAMES; ++i) {
+        const Item& item = m_waiting[i];
+        if (item.memory.IsOpen())
+            break;
+        add(item.head.data(), item.head.size());
+        if (item.payload != nullptr)
+            add(item.payload->data(), item.payload->size());
+    }
+    msghdr message{};
+    message.msg_iov = parts.data();
+    message.msg_iovlen = count;
+    return sendmsg(m_socket.Number(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+// Alone, so that the descriptor arrives with this frame and with no other; so few bytes are taken
+// whole or not at all.
+ssize_t DirectSocket::SendMemory(const Item& item) const
+{
+    std::array<iovec, 2> parts = {
+        iovec{const_cast<char*>(item.head.data()), item.head.size()},
+        iovec{const_cast<char*>(item.payload->data()), item.payload->size()}};
+    OneDescriptor control;
+    msghdr message{};
+    message.msg_iov = parts.data();
+    message.msg_iovlen = parts.size();
+    message.msg_control = control.bytes.data();
+    message.msg_controllen = control.bytes.size();
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof(int));
+    const int number = item.memory.Number();
+    std::memcpy(CMSG_DATA(header), &number, sizeof number);
+    return sendmsg(m_socket.Number(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+// This user has too many descriptors under way.
+void DirectSocket::TakeBackOffer()
+{
+    m_own_slots.TakeAnswer(m_own_slots.Offered(), false);
+    Written(m_waiting.front().Size());
 }
 
 void DirectSocket::Written(std::size_t size)
@@ -101,26 +173,113 @@ void DirectSocket::Written(std::size_t size)
     m_written += size;
     while (!m_waiting.empty() && m_written >= m_waiting.front().Size()) {
         m_written -= m_waiting.front().Size();
+        --(m_waiting.front().is_own ? m_own_waiting : m_frames_waiting);
         m_waiting.pop_front();
     }
 }
 
+// ---- In ------------------------------------------------------------------------------------
+
 DirectSocket::ReadResult DirectSocket::Read(std::vector<char>& buffer, std::vector<Frame>& frames)
 {
     buffer.resize(READ_SIZE);
-    iovec part = {buffer.data(), buffer.size()};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    const ssize_t size = recvmsg(m_socket.Number(), &message, MSG_DONTWAIT);
+    const ssize_t size = Receive(buffer);
     if (size == 0)
         return ReadResult::ended;
     if (size < 0)
         return errno == EAGAIN || errno == EINTR ? ReadResult::drained : ReadResult::ended;
-    // The kernel has closed them: there is no room for any.
-    if ((message.msg_flags & MSG_CTRUNC) != 0)
-        m_reader.Fail("a descriptor that nobody asked for");
-    if (!m_reader.Take(buffer.data(), static_cast<std::size_t>(size), frames))
+    m_read.clear();
+    m_reader.Take(buffer.data(), static_cast<std::size_t>(size), m_read);
+    for (Frame& frame : m_read) {
+        if (!TakeIn(frame))
+            return ReadResult::at_fault;
+        if (!frame.head.IsAboutSlot())
+            frames.push_back(std::move(frame));
+    }
+    if ((m_memory.IsOpen() || m_memory_missed) && !m_reader.IsInsideSlot())
+        Fail("a descriptor that nobody asked for");
+    if (!Fault().empty())
         return ReadResult::at_fault;
     return static_cast<std::size_t>(size) == buffer.size() ? ReadResult::more : ReadResult::some;
+}
+
+ssize_t DirectSocket::Receive(std::vector<char>& buffer)
+{
+    iovec part = {buffer.data(), buffer.size()};
+    OneDescriptor control;
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.bytes.data();
+    message.msg_controllen = CMSG_LEN(sizeof(int));
+    const ssize_t size = recvmsg(m_socket.Number(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    if (size < 0)
+        return size;
+    const bool had_memory = m_memory.IsOpen() || m_memory_missed;
+    const cmsghdr* header = CMSG_FIRSTHDR(&message);
+    bool has_memory = false;
+    if (header != nullptr && header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS &&
+        header->cmsg_len == CMSG_LEN(sizeof(int))) {
+        int number = -1;
+        std::memcpy(&number, CMSG_DATA(header), sizeof number);
+        m_memory = Descriptor(number);
+        has_memory = true;
+    }
+    const bool is_truncated = (message.msg_flags & MSG_CTRUNC) != 0;
+    m_memory_missed = m_memory_missed || (is_truncated && !has_memory);
+    if ((has_memory || is_truncated) && (had_memory || (has_memory && is_truncated)))
+        Fail("more descriptors than slots");
+    return size;
+}
+
+bool DirectSocket::TakeIn(Frame& frame)
+{
+    switch (frame.head.type) {
+        case FrameType::slot:
+            return TakeSlot(frame);
+        case FrameType::taken:
+            return m_own_slots.TakeAnswer(frame.head.slot, frame.payload.front() != 0) ||
+                   Fail("a word about a slot that was not offered");
+        default:
+            return !frame.head.IsInSlot() || CopyOut(frame);
+    }
+}
+
+// One is offered at a time; whoever offers more without reading the answers wants to fill memory.
+bool DirectSocket::TakeSlot(const Frame& frame)
+{
+    using Verdict = TheirSlots::Verdict;
+    const Descriptor memory = std::move(m_memory);
+    const bool was_missed = std::exchange(m_memory_missed, false);
+    if (frame.payload.empty()) {
+        m_their_slots.Forget(frame.head.slot);
+        return (!memory.IsOpen() && !was_missed) || Fail("a descriptor without a slot");
+    }
+    if (!memory.IsOpen() && !was_missed)
+        return Fail("a slot without its memory");
+    const Verdict verdict =
+        m_their_slots.Take(frame.head.slot, DecodeCapacity(frame.payload), memory);
+    if (verdict == Verdict::at_fault)
+        return Fail("memory for a slot that is not safe");
+    if (m_own_waiting > DirectSlot::MOST)
+        return Fail("slots whose answers are not read");
+    WriteOwn(FrameType::taken, frame.head.slot, {verdict == Verdict::taken ? '\1' : '\0'});
+    return true;
+}
+
+bool DirectSocket::CopyOut(Frame& frame)
+{
+    auto bytes = m_their_slots.CopyOut(frame.head.slot, frame.head.size);
+    if (!bytes)
+        return Fail("a message of " + std::to_string(frame.head.size) + " bytes in slot " +
+                    std::to_string(frame.head.slot) + ", which is smaller or unknown");
+    frame.payload = std::move(*bytes);
+    return true;
+}
+
+bool DirectSocket::Fail(const std::string& fault)
+{
+    if (Fault().empty())
+        m_reader.Fail(fault);
+    return false;
 }

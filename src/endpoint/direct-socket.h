@@ -12,32 +12,9 @@
 #include <utility>
 #include <vector>
 
+#include "descriptor.h"
 #include "direct-frames.h"
-
-// Owns a descriptor.
-class Descriptor {
-public:
-    explicit Descriptor(int number = -1) : m_number(number) {}
-    ~Descriptor() { Close(); }
-    Descriptor(Descriptor&& other) noexcept : m_number(other.Release()) {}
-    Descriptor& operator=(Descriptor&& other) noexcept
-    {
-        Close();
-        m_number = other.Release();
-        return *this;
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int Number() const { return m_number; }
-    bool IsOpen() const { return m_number >= 0; }
-    int Release();
-
-private:
-    void Close();
-
-    int m_number;
-};
+#include "direct-slots.h"
 
 // Two ends that are connected; both not open when the process has no descriptors left.
 std::pair<Descriptor, Descriptor> ConnectedSockets();
@@ -65,36 +42,63 @@ public:
     // waits for the socket.
     void Shutdown();
 
-    // The frame leaves with Flush, after those before it. `payload` may be null.
+    // The frame leaves with Flush, after those before it. `payload` may be null. A large message
+    // goes by a slot where one is free.
     void Write(FrameHead head, Payload payload);
 
     // As much as the socket takes. False when it takes nothing any more.
     bool Flush();
     std::size_t Waiting() const { return m_waiting_bytes; }
-    std::size_t FramesWaiting() const { return m_waiting.size(); }
+    std::size_t FramesWaiting() const { return m_frames_waiting; }  // of those given to Write
 
     // more: there may be much more; some: there may be; drained: nothing came.
     enum class ReadResult { more, some, drained, ended, at_fault };
-    // Reads once and adds to `frames`. `buffer` is its to use, and worth being kept.
+    // Reads once and adds to `frames`, but for those about slots: they are answered, by something
+    // that waits to be written. `buffer` is its to use, and worth being kept.
     ReadResult Read(std::vector<char>& buffer, std::vector<Frame>& frames);
 
     // What is wrong when a read was at fault.
     const std::string& Fault() const { return m_reader.Fault(); }
 
+    // Slots that were not used since the last call are given up. Whether there are any others.
+    bool GiveUpIdleSlots();
+    bool HasWordsWaiting() const { return m_own_waiting != 0; }
+    bool HasSlots() const { return !m_own_slots.IsEmpty(); }
+
 private:
     struct Item {
         std::array<char, FrameHead::SIZE> head;
         Payload payload;
+        Descriptor memory;  // leaves with it
+        bool is_own;        // and not given to Write
         std::size_t Size() const
         {
             return head.size() + (payload != nullptr ? payload->size() : 0);
         }
     };
+    bool FillSlot(FrameHead& head, const Payload& payload);
+    void WriteOwn(FrameType type, std::uint16_t slot, std::vector<char> payload,
+                  Descriptor memory = Descriptor());
+    ssize_t SendMany();
+    ssize_t SendMemory(const Item& item) const;
+    void TakeBackOffer();
     void Written(std::size_t size);
+    ssize_t Receive(std::vector<char>& buffer);
+    bool TakeIn(Frame& frame);
+    bool TakeSlot(const Frame& frame);
+    bool CopyOut(Frame& frame);
+    bool Fail(const std::string& fault);
 
     const Descriptor m_socket;
     FrameReader m_reader;
+    OwnSlots m_own_slots;
+    TheirSlots m_their_slots;
+    Descriptor m_memory;           // of a slot whose frame is not whole
+    bool m_memory_missed = false;  // there was no room for it
+    std::vector<Frame> m_read;
     std::deque<Item> m_waiting;
+    std::size_t m_frames_waiting = 0;
+    std::size_t m_own_waiting = 0;
     std::size_t m_waiting_bytes = 0;
     std::size_t m_written = 0;  // of the first that waits
 };

@@ -34,6 +34,9 @@ constexpr std::size_t BURST_BYTES = 64UL * 1024;
 // Others get their turn after so many reads of one partner.
 constexpr int READS_AT_A_TIME = 4;
 
+// Memory for large messages that was not used for so long is given up.
+constexpr milliseconds SLOT_PATIENCE{5000};
+
 // How long the bus may take to tell of the end of a partner whose socket has ended.
 constexpr milliseconds END_PATIENCE{1000};
 
@@ -76,16 +79,26 @@ public:
     explicit DirectIdle(Impl& impl) : m_impl(impl) {}
     void Wait() override
     {
-        DirectPoll& poll = *m_impl.m_direct_poll;
-        poll.LetLoopIn(false);
-        poll.Wait();
-        m_impl.LookAtDirectPaths();
-        poll.LetLoopIn(true);
+        Return();
+        m_impl.TakeEvents(m_impl.m_direct_poll->Wait());
     }
+    void Leave() override
+    {
+        m_impl.m_direct_poll->ForgetWake();
+        LetLoopIn(true);
+    }
+    void Return() override { LetLoopIn(false); }
     void Wake() override { m_impl.m_direct_poll->Wake(); }
 
 private:
+    void LetLoopIn(bool is_let_in)
+    {
+        if (std::exchange(m_loop_is_in, is_let_in) != is_let_in)
+            m_impl.m_direct_poll->LetLoopIn(is_let_in);
+    }
+
     Impl& m_impl;
+    bool m_loop_is_in = true;
 };
 
 // Before the handlers are run. Where descriptors are short everything stays on the bus.
@@ -223,14 +236,15 @@ void PelmarEndpoint::Impl::WatchDirect(Peer& peer)
 gboolean PelmarEndpoint::Impl::cb_Direct(gint /*descriptor*/, GIOCondition /*condition*/,
                                          gpointer user_data)
 {
-    static_cast<Impl*>(user_data)->LookAtDirectPaths();
+    Impl& impl = *static_cast<Impl*>(user_data);
+    impl.TakeEvents(impl.m_direct_poll->Look());
     return G_SOURCE_CONTINUE;
 }
 
-void PelmarEndpoint::Impl::LookAtDirectPaths()
+void PelmarEndpoint::Impl::TakeEvents(const DirectPoll::Events& events)
 {
     const Lock lock(m_mutex);
-    m_direct_poll->Look([this](std::uint64_t number, bool may_read, bool may_write) {
+    m_direct_poll->ForEach(events, [this](std::uint64_t number, bool may_read, bool may_write) {
         if (number == 0) {
             WriteBursts();
             return;
@@ -264,6 +278,15 @@ void PelmarEndpoint::Impl::ReadDirect(const PeerPtr& peer, int reads)
         DirectPathFailed(peer, peer->socket->Fault());
     else if (result == ReadResult::ended)
         DirectPathEnded(peer);
+    else if (peer->socket->HasWordsWaiting())
+        WriteAtOnce(*peer);
+}
+
+// What the socket itself has to say.
+void PelmarEndpoint::Impl::WriteAtOnce(Peer& peer)
+{
+    FlushDirect(peer);
+    WatchDirect(peer);
 }
 
 // False when there is no direct path any more.
@@ -293,18 +316,29 @@ bool PelmarEndpoint::Impl::TakeFrame(const PeerPtr& peer, Frame frame)
         case FrameType::bye:
             peer->said_bye = true;
             return true;
+        case FrameType::slot:
+        case FrameType::taken:
+            return true;
     }
     return true;
 }
 
-// The thread that waits for the answer reads what comes, for all; so it need not be woken.
+// Whether the calling thread reads what comes from now on, for all. Before anything can be
+// answered, so that nobody else is woken.
+bool PelmarEndpoint::Impl::TakeReading(Peer& peer)
+{
+    if (!MayRead(peer) || peer.has_reader)
+        return false;
+    peer.has_reader = true;
+    WatchDirect(peer);
+    return true;
+}
+
 void PelmarEndpoint::Impl::ReadUntilAnswered(Lock& lock, const PeerPtr& peer,
                                              const OpenRequest& request,
                                              Deadlines::TimePoint deadline)
 {
     const std::shared_ptr<DirectSocket> socket = peer->socket;
-    peer->has_reader = true;
-    WatchDirect(*peer);
     while (!request.over && MayRead(*peer) && Clock::now() < deadline) {
         lock.unlock();
         m_direct_poll->WaitFor(socket->Number(), deadline);
@@ -487,6 +521,22 @@ void PelmarEndpoint::Impl::WriteFrame(Peer& peer, const FrameHead& head, Payload
 {
     peer.socket->Write(head, std::move(payload));
     peer.written.push_back(peer.window.Position());
+    if (peer.socket->HasSlots() && !std::exchange(peer.gives_up_slots, true))
+        GiveUpIdleSlots(peer.partner->number);
+}
+
+void PelmarEndpoint::Impl::GiveUpIdleSlots(std::uint64_t number)
+{
+    After(SLOT_PATIENCE, [this, number] {
+        const auto found = m_direct_peers.find(number);
+        if (found == m_direct_peers.end() || found->second->has_ended)
+            return;
+        Peer& peer = *found->second;
+        peer.gives_up_slots = peer.socket->GiveUpIdleSlots();
+        if (peer.gives_up_slots)
+            GiveUpIdleSlots(number);
+        WriteAtOnce(peer);
+    });
 }
 
 void PelmarEndpoint::Impl::LeaveDirect(const PeerPtr& peer, const PartnerWindow::Item& item)

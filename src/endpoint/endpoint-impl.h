@@ -278,7 +278,8 @@ private:
     Status Admit(const Partner& partner, std::size_t size, PeerPtr& peer) const;
     RequestPtr OpenNewRequest(const Partner& partner, Bytes data, Status& status);
     std::size_t LargestFor(const Peer& peer) const;
-    void AwaitAnswer(Lock& lock, const OpenRequest& request, Deadlines::TimePoint deadline);
+    void AwaitAnswer(Lock& lock, const PeerPtr& peer, const OpenRequest& request,
+                     Deadlines::TimePoint deadline);
     void Finish(const RequestPtr& request, Outcome outcome);
     void RequestAnswered(const RequestPtr& request, GDBusMessage* answer);
     void EndRequest(const RequestPtr& request, Outcome outcome, bool was_dealt_with);
@@ -315,7 +316,8 @@ private:
     void StartReading(const PeerPtr& peer);
     void WatchDirect(Peer& peer);
     static gboolean cb_Direct(gint descriptor, GIOCondition condition, gpointer user_data);
-    void LookAtDirectPaths();
+    void TakeEvents(const DirectPoll::Events& events);
+    bool TakeReading(Peer& peer);
     void ReadDirect(const PeerPtr& peer, int reads);
     void ReadUntilAnswered(Lock& lock, const PeerPtr& peer, const OpenRequest& request,
                            Deadlines::TimePoint deadline);
@@ -332,7 +334,9 @@ private:
     void WriteSoon(Peer& peer);
     void WriteBursts();
     static bool FlushDirect(Peer& peer);
-    static void WriteFrame(Peer& peer, const FrameHead& head, Payload payload);
+    void WriteFrame(Peer& peer, const FrameHead& head, Payload payload);
+    void WriteAtOnce(Peer& peer);
+    void GiveUpIdleSlots(std::uint64_t number);
     void LeaveDirect(const PeerPtr& peer, const PartnerWindow::Item& item);
     void AnswerDirect(Peer& peer, const OutgoingAnswer& answer);
     bool IsWritingDirect() const;
@@ -481,6 +485,7 @@ struct PelmarEndpoint::Impl::Peer {
     std::deque<std::uint64_t> written;  // the position of each frame that the socket has not taken
     Deadlines::TimePoint last_sent;
     bool writes_soon = false;
+    bool gives_up_slots = false;
     bool reads_direct = false;  // it sends nothing by the bus any more
     bool has_reader = false;    // a thread that waits for an answer
     bool is_paused = false;

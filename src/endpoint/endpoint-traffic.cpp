@@ -274,10 +274,13 @@ void PelmarEndpoint::Impl::HandleCall(const PeerPtr& peer, Incoming message)
         return;
     }
     try {
-        if (m_handlers.message)
-            reply.Send(m_handlers.message(call));
-        else
+        if (!m_handlers.message) {
             reply.Fail("this endpoint takes no messages");
+            return;
+        }
+        Bytes answer = m_handlers.message(call);
+        m_queue->TaskIsNearlyOver();
+        reply.Send(std::move(answer));
     } catch (const std::exception& exception) {
         reply.Fail(exception.what());
     } catch (...) {
@@ -487,8 +490,14 @@ PelmarEndpoint::Response PelmarEndpoint::Impl::Request(const Partner& partner, B
     const RequestPtr request = OpenNewRequest(partner, std::move(data), status);
     if (status != Status::ok)
         return {status, {}, ToString(status)};
-    Pump(request->peer.lock());
-    AwaitAnswer(lock, *request, deadline);
+    const PeerPtr peer = request->peer.lock();
+    const bool is_reader = TakeReading(*peer);
+    Pump(peer);
+    if (peer->socket != nullptr)
+        FlushDirect(*peer);
+    if (is_reader)
+        ReadUntilAnswered(lock, peer, *request, deadline);
+    AwaitAnswer(lock, peer, *request, deadline);
     if (!request->over)
         Finish(request, {Status::timeout});
     lock.unlock();
@@ -496,15 +505,12 @@ PelmarEndpoint::Response PelmarEndpoint::Impl::Request(const Partner& partner, B
 }
 
 // One of those that wait for a partner reads its direct path.
-void PelmarEndpoint::Impl::AwaitAnswer(Lock& lock, const OpenRequest& request,
+void PelmarEndpoint::Impl::AwaitAnswer(Lock& lock, const PeerPtr& peer, const OpenRequest& request,
                                        Deadlines::TimePoint deadline)
 {
-    if (const PeerPtr peer = request.peer.lock(); peer != nullptr && peer->socket != nullptr)
-        FlushDirect(*peer);
     bool is_late = false;
     while (!request.over && !is_late) {
-        const PeerPtr peer = request.peer.lock();
-        if (peer != nullptr && MayRead(*peer) && !peer->has_reader)
+        if (TakeReading(*peer))
             ReadUntilAnswered(lock, peer, request, deadline);
         else
             request.told.wait_until(lock, deadline);

@@ -68,6 +68,8 @@ void HandlerQueue::RunInThread()
         else
             RunFirst(lock);
     }
+    if (m_idle != nullptr)
+        m_idle->Leave();
 }
 
 void HandlerQueue::WaitForTasks(std::unique_lock<std::mutex>& lock)
@@ -111,6 +113,8 @@ void HandlerQueue::RunFirst(std::unique_lock<std::mutex>& lock)
     m_tasks.pop_front();
     m_running = true;
     lock.unlock();
+    if (m_idle != nullptr)
+        m_idle->Leave();
     CallInside([&task] { task->Run(); });
     task.reset();
     lock.lock();
@@ -133,6 +137,15 @@ void HandlerQueue::Abandon(const std::deque<Task>& tasks) const
         for (const Task& task : tasks)
             task->Abandon();
     });
+}
+
+void HandlerQueue::TaskIsNearlyOver()
+{
+    if (m_idle == nullptr)
+        return;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_tasks.empty())
+        m_idle->Return();
 }
 
 bool HandlerQueue::IsInside() const

@@ -26,9 +26,13 @@ public:
     HandlerIdle(const HandlerIdle&) = delete;
     HandlerIdle& operator=(const HandlerIdle&) = delete;
 
-    // Returns when there may be a task; in the queue's thread. It may post tasks.
+    // In the queue's thread. Returns when there may be a task; it may post tasks.
     virtual void Wait() = 0;
-    // Has Wait return, or the next one; from any thread.
+    // In the queue's thread, which does not come to wait for a while: it runs a task, or ends.
+    virtual void Leave() = 0;
+    // In the queue's thread, which comes to wait at once.
+    virtual void Return() = 0;
+    // Has Wait return, if it has not by itself; from any thread.
     virtual void Wake() = 0;
 };
 
@@ -56,6 +60,9 @@ public:
 
     // Abandons tasks that it did not get.
     void Abandon(const std::deque<Task>& tasks) const;
+
+    // From inside a task: what is left of it takes no time.
+    void TaskIsNearlyOver();
 
     // Whether the calling thread is inside a task of this queue.
     bool IsInside() const;

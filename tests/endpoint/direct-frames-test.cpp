@@ -132,13 +132,75 @@ TEST_F(AFrameReader, TellsWhatCannotBeAFrame)
     ExpectFault(FrameOf(HeadOf(FrameType::request, 1, FrameHead::OF_BUS)), "flags 1");
     ExpectFault(FrameOf(HeadOf(FrameType::answer, 1, 2)), "flags 2");
     ExpectFault(FrameOf(HeadOf(static_cast<FrameType>(0))), "type 0");
-    ExpectFault(FrameOf(HeadOf(static_cast<FrameType>(7))), "type 7");
+    ExpectFault(FrameOf(HeadOf(static_cast<FrameType>(9))), "type 9");
     ExpectFault(FrameOf(HeadOf(static_cast<FrameType>(255))), "type 255");
-    for (const std::size_t reserved : {2U, 3U}) {
-        Bytes frame = FrameOf(HeadOf(FrameType::notify));
-        frame[reserved] = 1;
-        ExpectFault(frame, "reserved");
+}
+
+FrameHead InSlot(FrameHead head, std::uint16_t slot)
+{
+    head.slot = slot;
+    return head;
+}
+
+TEST_F(AFrameReader, TakesAMessageInASlotForWholeAtOnce)
+{
+    FrameHead head = InSlot(HeadOf(FrameType::request, 9), 4);
+    head.size = LARGEST;
+    const auto encoded = EncodeHead(head);
+    ASSERT_TRUE(Take(Greeting() + Bytes(encoded.begin(), encoded.end()) +
+                     FrameOf(HeadOf(FrameType::notify), {'n'})));
+    ASSERT_EQ(3U, m_frames.size());
+    EXPECT_TRUE(m_frames[1].head.IsInSlot());
+    EXPECT_EQ(4U, m_frames[1].head.slot);
+    EXPECT_EQ(LARGEST, m_frames[1].head.size);
+    EXPECT_THAT(m_frames[1].payload, testing::IsEmpty());
+    EXPECT_EQ(Bytes{'n'}, m_frames[2].payload);
+}
+
+TEST_F(AFrameReader, TakesWordsAboutSlots)
+{
+    ASSERT_TRUE(Take(Greeting() +
+                     FrameOf(InSlot(HeadOf(FrameType::slot), 1), EncodeCapacity(1 << 20)) +
+                     FrameOf(InSlot(HeadOf(FrameType::slot), 1)) +
+                     FrameOf(InSlot(HeadOf(FrameType::taken), 2), {1})));
+    ASSERT_EQ(4U, m_frames.size());
+    EXPECT_EQ(1U << 20U, DecodeCapacity(m_frames[1].payload));
+    EXPECT_FALSE(m_frames[1].head.IsInSlot());
+    EXPECT_THAT(m_frames[2].payload, testing::IsEmpty());
+    EXPECT_EQ(Bytes{1}, m_frames[3].payload);
+}
+
+TEST_F(AFrameReader, TellsWhatCannotBeASlot)
+{
+    for (const FrameType type : {FrameType::error, FrameType::bye})
+        ExpectFault(FrameOf(InSlot(HeadOf(type), 1), {}), "slot 1 of frame type");
+    for (const FrameType type : {FrameType::request, FrameType::answer, FrameType::notify}) {
+        ExpectFault(FrameOf(InSlot(HeadOf(type), 5)), "slot 5 of frame type");
+        FrameHead head = InSlot(HeadOf(type), 1);
+        head.size = LARGEST + 1;
+        const auto encoded = EncodeHead(head);
+        ExpectFault(Bytes(encoded.begin(), encoded.end()), "1001 bytes");
     }
+    ExpectFault(FrameOf(HeadOf(FrameType::slot), Bytes(8)), "slot 0 of frame type");
+    ExpectFault(FrameOf(InSlot(HeadOf(FrameType::slot), 5), Bytes(8)), "slot 5 of frame type");
+    ExpectFault(FrameOf(InSlot(HeadOf(FrameType::slot), 1), Bytes(7)), "wrong size");
+    ExpectFault(FrameOf(HeadOf(FrameType::taken), Bytes(1)), "slot 0 of frame type");
+    ExpectFault(FrameOf(InSlot(HeadOf(FrameType::taken), 1), Bytes(2)), "wrong size");
+}
+
+TEST_F(AFrameReader, KnowsWhetherItIsInsideTheFrameOfASlot)
+{
+    const Bytes slot = FrameOf(InSlot(HeadOf(FrameType::slot), 1), EncodeCapacity(1));
+    EXPECT_TRUE(Take(Greeting()));
+    EXPECT_FALSE(m_reader.IsInsideSlot());
+    for (std::size_t i = 0; i + 1 < slot.size(); ++i) {
+        EXPECT_TRUE(Take({slot[i]}));
+        EXPECT_TRUE(m_reader.IsInsideSlot());
+    }
+    EXPECT_TRUE(Take({slot.back()}));
+    EXPECT_FALSE(m_reader.IsInsideSlot());
+    EXPECT_TRUE(Take({static_cast<char>(FrameType::notify)}));
+    EXPECT_FALSE(m_reader.IsInsideSlot());
 }
 
 TEST_F(AFrameReader, TellsAGreetingOfAWrongSize)

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <fstream>
 
 #include "bus-monitor.h"
 #include "captured-log.h"
@@ -179,6 +180,69 @@ TEST_F(TwoEndpoints, SendWhatFitsTheReceiversIntake)
     EXPECT_THAT(response.error, HasSubstr("too large"));
     m_client.endpoint.Notify(m_to_service, Bytes(large, 'n'));
     m_service.news.Await("notification nnn");
+    m_service.news.Clear();
+}
+
+// Mappings of memory for large messages in this process.
+std::size_t SlotsMapped()
+{
+    std::ifstream maps("/proc/self/maps");
+    std::size_t count = 0;
+    for (std::string line; std::getline(maps, line);)
+        count += line.find("/memfd:pelmar") != std::string::npos ? 1 : 0;
+    return count;
+}
+
+TEST_F(TwoEndpoints, HaveMemoryForLargeMessagesAsLongAsThereAreSome)
+{
+    Start();
+    AwaitDirectPath();
+    Request(m_client, m_to_service, Bytes(16000));
+    EXPECT_EQ(0U, SlotsMapped());
+    for (int i = 0; i < 5; ++i) {
+        const Bytes data(1000000 + static_cast<std::size_t>(i), static_cast<char>('a' + i));
+        EXPECT_EQ(data, Request(m_client, m_to_service, data).data);
+    }
+    EXPECT_EQ(4U, SlotsMapped()) << "one each way, at both ends";
+    const auto deadline = In(TEST_DEADLINE);
+    while (SlotsMapped() != 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(milliseconds(10));
+    EXPECT_EQ(0U, SlotsMapped());
+    const Bytes data(2000000, 'z');
+    EXPECT_EQ(data, Request(m_client, m_to_service, data).data);
+}
+
+TEST_F(TwoEndpoints, HaveNoMemoryOfAPartnerThatIsGone)
+{
+    Start();
+    AwaitDirectPath();
+    for (int i = 0; i < 5; ++i)
+        Request(m_client, m_to_service, Bytes(1000000));
+    m_client.endpoint.Stop();
+    m_service.news.Await("lost ");
+    EXPECT_EQ(0U, SlotsMapped());
+}
+
+TEST_F(TwoEndpoints, KeepLargeAndSmallMessagesInOrder)
+{
+    m_client.endpoint.SetWindow(64UL * 1024 * 1024);
+    Start();
+    AwaitDirectPath();
+    constexpr int count = 300;
+    for (int i = 0; i < count; ++i) {
+        const std::size_t size = i % 3 == 0 ? 100000 : i % 7 == 0 ? 17000 : 10;
+        Bytes data(size, '.');
+        const std::string number = std::to_string(i) + " ";
+        std::copy(number.begin(), number.end(), data.begin());
+        ASSERT_EQ(Status::ok, m_client.endpoint.Notify(m_to_service, std::move(data)));
+    }
+    Request(m_client, m_to_service, {});
+    const std::vector<std::string> heard = m_service.news.Of("notification ");
+    ASSERT_THAT(heard, SizeIs(count));
+    for (int i = 0; i < count; ++i) {
+        const std::string& one = heard[static_cast<std::size_t>(i)];
+        EXPECT_EQ(std::to_string(i), one.substr(0, one.find(' ')));
+    }
     m_service.news.Clear();
 }
 
@@ -389,6 +453,7 @@ TEST_F(TwoEndpoints, HearEverythingThatAKilledPartnerHadSent)
         m_service.news.Clear();
         EndpointProcess client("client", CHANNEL);
         m_service.news.Await("ready ");
+        client.WaitForLine("ready ");
         const Partner partner = m_service.endpoint.Partners().front();
         AwaitDirect({partner});
         constexpr int count = 200;
@@ -557,7 +622,7 @@ TEST_F(AService, TakesNothingButAConnectedStream)
 TEST_F(AService, EndsThePathOfWhomItDoesNotUnderstand)
 {
     const std::vector<std::pair<Bytes, std::string>> faults = {
-        {Bytes(16, '\xff'), "before the greeting"},
+        {Bytes(16, '\xff'), "unknown frame type 255"},
         {FrameOf(FrameType::notify, 0, {}), "before the greeting"},
         {FrameOf(FrameType::hello, 0, Bytes(16)), "a greeting that is none"},
         {FrameOf(FrameType::hello, 0, EncodeHello({2, 100})), "a greeting that is none"},
@@ -565,7 +630,8 @@ TEST_F(AService, EndsThePathOfWhomItDoesNotUnderstand)
         {Greeting() + FrameOf(FrameType::answer, 1, {}), "nobody asked"},
         {Greeting() + FrameOf(FrameType::error, 1, {'x'}), "nobody asked"},
         {Greeting() + FrameOf(static_cast<FrameType>(99), 0, {}), "unknown frame type 99"},
-        {Greeting() + Bytes(16, '\x7f'), "reserved"},
+        {Greeting() + Bytes(16, '\x7f'), "unknown frame type 127"},
+        {Greeting() + FrameOf(FrameType::taken, 0, {'x'}), "slot 0 of frame type 8"},
     };
     const std::size_t before = OpenDescriptors();
     for (const auto& [bytes, fault] : faults) {

@@ -38,7 +38,7 @@ TEST_P(ALargeRequest, IsThereTwiceAtTheSenderAndThriceAtTheReceiver)
     EXPECT_EQ("ok", client.WaitForLine("status "));
     EXPECT_LE((at_sender.Peak() - sender_before) / MIB, (2 * LARGE + SLACK) / MIB);
     EXPECT_LE((at_receiver.Peak() - receiver_before) / MIB, (3 * LARGE + SLACK) / MIB);
-    EXPECT_GE(at_receiver.Peak() - receiver_before, LARGE);
+    EXPECT_GE(at_receiver.Peak() - receiver_before, LARGE - MIB) << "nothing was measured";
 }
 
 }  // namespace

@@ -10,8 +10,9 @@ constexpr std::uint64_t LARGEST = 100000;
 
 void CheckFrame(const Frame& frame)
 {
-    FUZZ_ASSERT(frame.payload.size() == frame.head.size);
+    FUZZ_ASSERT(frame.payload.size() == (frame.head.IsInSlot() ? 0 : frame.head.size));
     FUZZ_ASSERT(frame.head.size <= LARGEST);
+    FUZZ_ASSERT(frame.head.slot <= DirectSlot::MOST);
     if (frame.head.type == FrameType::hello)
         DecodeHello(frame.payload);
     if (frame.head.type == FrameType::error)
