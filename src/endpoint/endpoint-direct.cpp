@@ -253,7 +253,8 @@ void PelmarEndpoint::Impl::TakeEvents(const DirectPoll::Events& events)
         if (found == m_direct_peers.end())
             return;
         const PeerPtr peer = found->second;
-        if (may_read)
+        // Who reads for an answer waits for the socket: it must not find it empty.
+        if (may_read && !peer->has_reader)
             ReadDirect(peer, READS_AT_A_TIME);
         if (may_write && peer->socket != nullptr) {
             FlushDirect(*peer);

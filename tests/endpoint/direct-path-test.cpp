@@ -275,6 +275,24 @@ TEST_F(TwoEndpoints, ThatBothSendALotAtOnceDoNotWaitForEachOther)
     other.join();
 }
 
+// Who waits for an answer must hear of it, whoever was about to read the socket.
+TEST_F(TwoEndpoints, AnswerEveryRequestWhileOtherThingsCome)
+{
+    Start();
+    AwaitDirectPath();
+    std::atomic<bool> is_over{false};
+    std::thread other([&] {
+        while (!is_over)
+            m_service.endpoint.Notify(m_to_client, {});
+    });
+    for (int i = 0; i < 2000; ++i) {
+        const Response response = m_client.endpoint.Request(m_to_service, {}, seconds(5));
+        ASSERT_EQ(Status::ok, response.status) << i;
+    }
+    is_over = true;
+    other.join();
+}
+
 TEST_F(TwoEndpoints, CountOneDescriptorAtEachEnd)
 {
     Start();
