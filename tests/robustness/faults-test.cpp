@@ -1,6 +1,8 @@
 // The bus daemon, the service or the client is killed or stopped at the worst moments. Whatever
 // happens, nobody crashes, nobody hangs, every message that was answered had arrived, and
-// afterwards the two work together again.
+// afterwards the two work together again. Endpoints, on the direct path and on the bus, tell of
+// whom they lose and deliver nothing twice, in another order or before ready, and all that was
+// taken for a partner that is not lost.
 //
 //   PELMAR_FAULT_RUNS=N  how often each combination is tried (default: once)
 
@@ -21,22 +23,29 @@
 
 namespace {
 
-enum class Kind { Channel, Endpoint };
+enum class Kind { Channel, Endpoint, EndpointOnTheBus };
 enum class Victim { Daemon, Service, Client };
 enum class Fault { Killed, Stopped };
-enum class Moment { Idle, MidPulse, MidCall, InsideAHandler, DuringTheDestructor };
+// MidTraffic is for endpoints, which may go over to the direct path meanwhile.
+enum class Moment { Idle, MidPulse, MidCall, InsideAHandler, DuringTheDestructor, MidTraffic };
 
 const std::string STOP_INSIDE_HANDLER = "73746f70";
+
+bool IsEndpoint(Kind kind)
+{
+    return kind != Kind::Channel;
+}
 
 // One end of the channel as a process, with everything that it has said.
 class Party {
 public:
     Party(Kind kind, const std::string& role)
-        : m_process(kind == Kind::Endpoint
+        : m_process(IsEndpoint(kind)
                         ? std::vector<std::string>{PELMAR_ENDPOINT_PEER, role, "demo", "--wait"}
-                        : std::vector<std::string>{
-                              role == "service" ? PELMAR_PEER_SERVICE : PELMAR_PEER_CLIENT, "demo",
-                              "--wait"})
+                        : std::vector<std::string>{role == "service" ? PELMAR_PEER_SERVICE
+                                                                     : PELMAR_PEER_CLIENT,
+                                                   "demo", "--wait"},
+                    {{"PELMAR_DIRECT", kind == Kind::EndpointOnTheBus ? "0" : "1"}})
     {
         m_process.WaitForLine("waiting");
     }
@@ -64,6 +73,28 @@ public:
                 values.push_back(line.substr(word.size() + 1));
         }
         return values;
+    }
+
+    // Who is ready and not lost since. Says what an endpoint never does: tell of one twice, hand
+    // over something before ready, or twice, or out of order.
+    std::set<std::string> ReadyPartners(std::string& fault) const
+    {
+        std::set<std::string> ready;
+        std::string last;
+        for (const std::string& line : m_lines) {
+            const std::string word = line.substr(0, line.find(' '));
+            const std::string value = line.substr(std::min(line.size(), word.size() + 1));
+            bool is_right = true;
+            if (word == "ready")
+                is_right = ready.insert(value).second;
+            else if (word == "lost")
+                is_right = ready.erase(value) == 1;
+            else if (word == "notification" || (word == "message" && value != STOP_INSIDE_HANDLER))
+                is_right = !ready.empty() && std::exchange(last, value) < value;
+            if (!is_right)
+                fault += line + "\n";
+        }
+        return ready;
     }
 
     // The newest partner that is ready and not lost since; empty: none.
@@ -106,6 +137,13 @@ public:
                 Await([this] { return m_client->Said("reply"); }, "the first reply");
                 Dawdle(2000);
                 break;
+            case Moment::MidTraffic:
+                for (int i = 0; i < 200; ++i) {
+                    m_client->Process().WriteLine("notify " + NewPayload());
+                    m_service->Process().WriteLine("notify " + NewPayload());
+                }
+                Dawdle(4000);
+                break;
             case Moment::InsideAHandler:
                 Send(STOP_INSIDE_HANDLER);
                 Await([this] { return m_service->Said("stopping"); }, "the handler");
@@ -142,7 +180,7 @@ public:
     {
         ProcessOf(victim).Signal(SIGSTOP);
         LeaveHandler(victim, moment);
-        if (m_kind == Kind::Endpoint && moment == Moment::Idle)
+        if (IsEndpoint(m_kind) && moment == Moment::Idle)
             ExpectOthersResponsive(victim);
         ProcessOf(victim).Signal(SIGCONT);
         if (moment == Moment::DuringTheDestructor)
@@ -173,6 +211,27 @@ public:
         NoteTraffic();
         for (const std::string& reply : m_replies)
             EXPECT_EQ(1U, m_messages.count(Backwards(reply))) << "answered: " << reply;
+    }
+
+    // Nobody but the one that is there is ready, past the bus where it may, and all that was taken
+    // for a partner that was never lost is there.
+    void ExpectPromisesKept()
+    {
+        if (!IsEndpoint(m_kind))
+            return;
+        ExpectArrivals(*m_client, *m_service);
+        ExpectArrivals(*m_service, *m_client);
+        for (Party* party : {m_service.get(), m_client.get()}) {
+            std::string fault;
+            Await([&] { return party->ReadyPartners(fault).size() == 1 || !fault.empty(); },
+                  "the end of all who have ended");
+            EXPECT_EQ("", fault);
+            if (m_kind == Kind::EndpointOnTheBus)
+                continue;
+            party->Process().WriteLine("way");
+            Await([&] { return party->Said("way"); }, "the way");
+            EXPECT_EQ("direct", party->All("way").back());
+        }
     }
 
     void ExpectCleanEnd()
@@ -211,6 +270,17 @@ private:
         m_client->Process().WriteLine("send " + m_client->Partner() + " " + payload);
     }
 
+    void ExpectArrivals(const Party& sender, const Party& receiver)
+    {
+        const auto all_arrived = [&] {
+            const auto statuses = sender.All("status");
+            const auto taken = std::count(statuses.begin(), statuses.end(), "ok");
+            return sender.Said("lost") || receiver.Said("lost") ||
+                   receiver.All("notification").size() == static_cast<std::size_t>(taken);
+        };
+        Await(all_arrived, "all that was taken for a partner that is not lost");
+    }
+
     // Whose destructor runs when the victim is hit during one.
     Party& Quitting(Victim victim) { return victim == Victim::Client ? *m_client : *m_service; }
 
@@ -224,6 +294,10 @@ private:
     void Renew(std::unique_ptr<Party>& party, const std::string& role)
     {
         NoteTraffic();
+        std::string fault;
+        if (party != nullptr && IsEndpoint(m_kind))
+            party->ReadyPartners(fault);
+        EXPECT_EQ("", fault);
         party = std::make_unique<Party>(m_kind, role);
     }
 
@@ -280,7 +354,7 @@ private:
 
     void AwaitUp(Party& party)
     {
-        const char* word = m_kind == Kind::Endpoint ? "on" : "name";
+        const char* word = IsEndpoint(m_kind) ? "on" : "name";
         Await([&] { return party.Said(word); }, "an end of the channel");
     }
 
@@ -355,6 +429,7 @@ TEST_P(AFault, CostsNoAnsweredMessageAndIsRecoveredFrom)
             scene.StopForAWhile(victim, moment);
         scene.ExpectWorking();
         scene.ExpectEverythingAnsweredToHaveArrived();
+        scene.ExpectPromisesKept();
         scene.ExpectCleanEnd();
     }
 }
@@ -362,22 +437,31 @@ TEST_P(AFault, CostsNoAnsweredMessageAndIsRecoveredFrom)
 std::string NameOf(const testing::TestParamInfo<Combination>& info)
 {
     const auto [kind, victim, fault, moment] = info.param;
-    const char* const kinds[] = {"Channel", "Endpoint"};
+    const char* const kinds[] = {"Channel", "Endpoint", "EndpointOnTheBus"};
     const char* const victims[] = {"Daemon", "Service", "Client"};
     const char* const faults[] = {"Killed", "Stopped"};
-    const char* const moments[] = {"Idle", "MidPulse", "MidCall", "InsideAHandler",
-                                   "DuringTheDestructor"};
+    const char* const moments[] = {
+        "Idle", "MidPulse", "MidCall", "InsideAHandler", "DuringTheDestructor", "MidTraffic"};
     return std::string(kinds[static_cast<int>(kind)]) + victims[static_cast<int>(victim)] +
            faults[static_cast<int>(fault)] + moments[static_cast<int>(moment)];
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    , AFault,
-    testing::Combine(testing::Values(Kind::Channel, Kind::Endpoint),
-                     testing::Values(Victim::Daemon, Victim::Service, Victim::Client),
-                     testing::Values(Fault::Killed, Fault::Stopped),
-                     testing::Values(Moment::Idle, Moment::MidPulse, Moment::MidCall,
-                                     Moment::InsideAHandler, Moment::DuringTheDestructor)),
-    NameOf);
+const auto VICTIMS = testing::Values(Victim::Daemon, Victim::Service, Victim::Client);
+const auto FAULTS = testing::Values(Fault::Killed, Fault::Stopped);
+
+INSTANTIATE_TEST_SUITE_P(Of, AFault,
+                         testing::Combine(testing::Values(Kind::Channel), VICTIMS, FAULTS,
+                                          testing::Values(Moment::Idle, Moment::MidPulse,
+                                                          Moment::MidCall, Moment::InsideAHandler,
+                                                          Moment::DuringTheDestructor)),
+                         NameOf);
+INSTANTIATE_TEST_SUITE_P(, AFault,
+                         testing::Combine(testing::Values(Kind::Endpoint, Kind::EndpointOnTheBus),
+                                          VICTIMS, FAULTS,
+                                          testing::Values(Moment::Idle, Moment::MidPulse,
+                                                          Moment::MidCall, Moment::InsideAHandler,
+                                                          Moment::DuringTheDestructor,
+                                                          Moment::MidTraffic)),
+                         NameOf);
 
 }  // namespace
