@@ -24,7 +24,7 @@ AListingPelmarctl.ShowsWhoIsOnWhichChannel()
     expect_text ctl out "CHANNEL  NAME  ROLE     USER"
     local who
     who=$(id -un)
-    grep -qE "^demo +$service_name +service +$who +$service +[^ ]+ +$pelmarctl serve demo --echo$" \
+    grep -qE "^demo +$service_name +service +$who +$service +[^ ]+ +[^ ]+ +$pelmarctl serve demo --echo$" \
         "$processes_dir/ctl.out" || fail "the service is not in it"
     grep -qE "^demo +:1\.[0-9]+ +client +$who +$client " "$processes_dir/ctl.out" ||
         fail "the client is not in it"
@@ -115,6 +115,20 @@ AListingPelmarctl.ShowsMembersThatItMayNotAskWhereTheBusTellsOfThem()
     expect_text ctl out "unknown  object     $service_name "
 }
 
+AListingPelmarctl.BelievesNobodyWhoMakesUpPartners()
+{
+    start_actor
+    tell_actor "direct demo"
+    tell_actor "serve other"
+    expect 0 list --json
+    expect_json ctl 'length == 2 and .[0].direct == [":1.1000"] and .[1].direct == null'
+    expect 0 list
+    grep -qE "^demo +$actor_name +- +[^ ]+ +$actor +1 " "$processes_dir/ctl.out" ||
+        fail "it does not count the one that may be a partner"
+    grep -qE "^other +$actor_name +- +[^ ]+ +$actor +- " "$processes_dir/ctl.out" ||
+        fail "it counts partners of one that does not tell"
+}
+
 # ---- watch ----------------------------------------------------------------------------------
 
 AWatchingPelmarctl.ShowsAHandshakeStageByStage()
@@ -200,6 +214,57 @@ AWatchingPelmarctl.ReportsABusThatDies()
 AWatchingPelmarctl.EndsAfterItsTimeout()
 {
     expect 0 watch --timeout 1
+}
+
+AWatchingPelmarctl.SaysWhoGoesPastTheBus()
+{
+    watch
+    serve
+    start_client
+    await watcher "$watcher" "goes past the bus with $service_name: what they send is not seen here"
+    grep -qE "^[0-9:]{8}\.[0-9]{3} +demo +:1\.[0-9]+ +client +direct +goes past the bus with" \
+        "$processes_dir/watcher.out" || fail "the line looks otherwise"
+}
+
+AWatchingPelmarctl.SaysWhoGoesPastTheBusAsJson()
+{
+    watch demo --json
+    start_actor
+    serve
+    tell_actor "switch other $service_name"
+    tell_actor "switch demo $service_name"
+    await watcher "$watcher" '"event":"direct"'
+    expect_json watcher "map(select(.event == \"direct\")) | length == 1 and
+        (.[0] | .channel == \"demo\" and .name == \"$actor_name\" and .role == \"client\")"
+}
+
+AWatchingPelmarctl.SaysNothingOfPathsThatAreForbidden()
+{
+    export PELMAR_DIRECT=0
+    watch
+    serve
+    start_client
+    await watcher "$watcher" "client   ACK"
+    expect 0 send demo -m hello --role client
+    expect_no_text watcher out direct
+}
+
+AWatchingPelmarctl.SaysWhenItMayNotSeeWhoGoesPastTheBus()
+{
+    end_private_bus
+    start_bus_with '<policy context="mandatory">
+        <deny send_interface="org.freedesktop.DBus.Monitoring" send_type="method_call"/></policy>'
+    watch
+    serve
+    start_client
+    await watcher "$watcher" "client   ACK"
+    expect_text watcher err "the bus does not let this user see which partners go past it"
+}
+
+AWatchingPelmarctl.SaysInItsHelpHowToSeeTraffic()
+{
+    expect 0 watch --help
+    expect_text ctl out "PELMAR_DIRECT=0 in the environment"
 }
 
 start_private_bus

@@ -2,10 +2,14 @@
 //
 //   bus-actor
 //
-//   in:  acquire NAME | release NAME | pulse NAME | serve CHANNEL | occupy CHANNEL | quit
+//   in:  acquire NAME | release NAME | pulse NAME | serve CHANNEL | occupy CHANNEL | direct CHANNEL
+//   |
+//        switch CHANNEL NAME | quit
 //   out: name NAME | done COMMAND | error TEXT
 //
-// To serve is to have the channel's object, to occupy is to have something else at its path.
+// To serve is to have the channel's object, to occupy is to have something else at its path; direct
+// is to have the object and to say that it goes past the bus with some who are none; switch is what
+// a client says last by the bus.
 
 #include <gio/gio.h>
 
@@ -21,8 +25,20 @@ constexpr const char* CHANNEL_OBJECT =
     "<node><interface name='org.vaska.pelmar.DbusCommunication'><method name='Send'>"
     "<arg type='ay' name='data' direction='in'/><arg type='ay' name='response' direction='out'/>"
     "</method></interface></node>";
+constexpr const char* PATH_OBJECT =
+    "<node><interface name='org.vaska.pelmar.DirectPath1'>"
+    "<property type='as' name='Partners' access='read'/></interface></node>";
 constexpr const char* OTHER_OBJECT =
     "<node><interface name='org.example.Other'><method name='Nothing'/></interface></node>";
+
+GVariant* PartnersOf(GDBusConnection* /*connection*/, const gchar* /*sender*/,
+                     const gchar* /*path*/, const gchar* /*interface*/, const gchar* /*property*/,
+                     GError** /*error*/, gpointer /*nothing*/)
+{
+    const gchar* const names[] = {":1.1000",           "",     "a\x1b[31m", ":1.1\n:1.2",
+                                  "org.example.Other", nullptr};
+    return g_variant_new_strv(names, -1);
+}
 
 void Check(bool good, GError* error)
 {
@@ -51,7 +67,7 @@ public:
 
     void Export(const std::string& channel, const char* xml)
     {
-        static const GDBusInterfaceVTable vtable = {};
+        static const GDBusInterfaceVTable vtable = {nullptr, PartnersOf, nullptr, {}};
         const std::string path = "/org/vaska/pelmar/CommunicationChannel/" + channel;
         GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(xml, nullptr);
         GError* error = nullptr;
@@ -59,6 +75,17 @@ public:
             m_connection, path.c_str(), node->interfaces[0], &vtable, nullptr, nullptr, &error);
         g_dbus_node_info_unref(node);
         Check(id != 0, error);
+    }
+
+    void Switch(const std::string& channel, const std::string& service)
+    {
+        const std::string path = "/org/vaska/pelmar/CommunicationChannel/" + channel;
+        GDBusMessage* call = g_dbus_message_new_method_call(
+            service.c_str(), path.c_str(), "org.vaska.pelmar.DirectPath1", "Switch");
+        g_dbus_message_set_flags(call, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+        g_dbus_connection_send_message(m_connection, call, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
+                                       nullptr);
+        g_object_unref(call);
     }
 
 private:
@@ -75,16 +102,21 @@ private:
     GDBusConnection* m_connection;
 };
 
-void Obey(Actor& actor, const std::string& command, const std::string& argument)
+void Obey(Actor& actor, const std::string& command, const std::string& argument,
+          const std::string& name)
 {
     if (command == "acquire" || command == "pulse")
         actor.Acquire(argument);
     if (command == "release" || command == "pulse")
         actor.Release(argument);
-    if (command == "serve")
+    if (command == "serve" || command == "direct")
         actor.Export(argument, CHANNEL_OBJECT);
     if (command == "occupy")
         actor.Export(argument, OTHER_OBJECT);
+    if (command == "direct")
+        actor.Export(argument, PATH_OBJECT);
+    if (command == "switch")
+        actor.Switch(argument, name);
 }
 
 }  // namespace
@@ -98,9 +130,10 @@ int main()
         std::istringstream words(line);
         std::string command;
         std::string argument;
-        words >> command >> argument;
+        std::string name;
+        words >> command >> argument >> name;
         try {
-            Obey(actor, command, argument);
+            Obey(actor, command, argument, name);
             std::cout << "done " << line << std::endl;
         } catch (const std::runtime_error& error) {
             std::cout << "error " << error.what() << std::endl;

@@ -122,6 +122,15 @@ void ReportHalf(Report& report, const Scene& scene, const std::string& seeing,
                        "PelmarEndpoint repairs that");
 }
 
+// Which way the two go; empty where neither says.
+std::string WayOf(const Scene& scene, const std::string& one, const std::string& other)
+{
+    const auto object = scene.ObjectOf(one);
+    if (!object || !object->direct)
+        return "";
+    return Contains(*object->direct, other) ? ", and send past the bus" : ", and send by the bus";
+}
+
 void CheckPair(Report& report, const Scene& scene, const std::optional<MatchRules>& later,
                const std::string& service, const std::string& client)
 {
@@ -132,7 +141,8 @@ void CheckPair(Report& report, const Scene& scene, const std::optional<MatchRule
     const bool service_knows = has_wired(service, client);
     const bool client_knows = has_wired(client, service);
     if (service_knows && client_knows)
-        report.Good("handshake", service + " and " + client + " have found each other");
+        report.Good("handshake", service + " and " + client + " have found each other" +
+                                     WayOf(scene, client, service));
     else if (service_knows)
         ReportHalf(report, scene, service, client);
     else if (client_knows)

@@ -117,6 +117,19 @@ std::vector<HandshakeLog::Event> HandshakeLog::SeeLeave(const std::string& who)
     return events;
 }
 
+std::vector<HandshakeLog::Event> HandshakeLog::SeeSwitch(const SwitchOver& switch_over) const
+{
+    if (!m_only.empty() && switch_over.channel != m_only)
+        return {};
+    return {{Event::Kind::direct,
+             switch_over.channel,
+             switch_over.client,
+             ChannelRole::client,
+             Stage::ack,
+             "goes past the bus with " + switch_over.service + ": what they send is not seen here",
+             {}}};
+}
+
 std::optional<HandshakeLog::TimePoint> HandshakeLog::NextWake() const
 {
     std::optional<TimePoint> next;

@@ -14,6 +14,7 @@
 
 #include "bus.h"
 #include "stage-names.h"
+#include "switch-monitor.h"
 
 class HandshakeLog {
 public:
@@ -26,6 +27,7 @@ public:
             held,        // a stage name was acquired and is not released
             unanswered,  // a SYN or a SYN_ACK was not followed by what has to follow
             left,        // a process that had pulsed is gone
+            direct,      // a client sends its service past the bus from now on
         };
         Kind kind;
         std::string channel;
@@ -41,6 +43,9 @@ public:
 
     // What the change tells.
     std::vector<Event> See(const OwnerChange& change, TimePoint now);
+
+    // A client went over to the direct path to its service.
+    std::vector<Event> SeeSwitch(const SwitchOver& switch_over) const;
 
     // When Wake is to be called next; and what has not happened by then.
     std::optional<TimePoint> NextWake() const;

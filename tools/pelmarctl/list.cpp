@@ -51,6 +51,7 @@ Json RecordOf(const Row& row)
     record["role"] = row.role ? Json(NameOf(*row.role)) : Json(nullptr);
     record["uid"] = OrNull(row.object.credentials.uid);
     record["pid"] = OrNull(row.object.credentials.pid);
+    record["direct"] = OrNull(row.object.direct);
     record["unit"] = row.unit.empty() ? Json(nullptr) : Json(row.unit);
     record["command"] = row.command.empty() ? Json(nullptr) : Json(row.command);
     return record;
@@ -64,6 +65,7 @@ std::vector<std::string> CellsOf(const Row& row)
             row.role ? NameOf(*row.role) : "-",
             credentials.uid ? UserName(*credentials.uid) : "-",
             credentials.pid ? std::to_string(*credentials.pid) : "-",
+            row.object.direct ? std::to_string(row.object.direct->size()) : "-",
             OrDash(row.unit),
             OrDash(row.command)};
 }
@@ -76,7 +78,7 @@ void Show(const Tool& tool, const std::vector<Row>& rows)
         return;
     }
     std::vector<std::vector<std::string>> cells = {
-        {"CHANNEL", "NAME", "ROLE", "USER", "PID", "UNIT", "COMMAND"}};
+        {"CHANNEL", "NAME", "ROLE", "USER", "PID", "DIRECT", "UNIT", "COMMAND"}};
     for (const Row& row : rows)
         cells.push_back(CellsOf(row));
     tool.output.Write(Table(cells));

@@ -13,6 +13,9 @@ using std::chrono::milliseconds;
 // A process that runs answers within a fraction of this.
 constexpr milliseconds PATIENCE{1000};
 
+// More than a bus has connections for.
+constexpr std::size_t MOST_PARTNERS = 10000;
+
 std::vector<std::string> ChildrenIn(const Answer& answer)
 {
     std::vector<std::string> children;
@@ -33,10 +36,33 @@ std::vector<std::string> ChildrenIn(const Answer& answer)
 }
 
 // GIO answers this by itself, but in the main loop of the channel.
-BusCall GetAll(const std::string& name, const std::string& channel)
+BusCall GetAll(const ChannelObject& object, const char* interface)
 {
-    return {name, ObjectPathOf(channel), "org.freedesktop.DBus.Properties", "GetAll",
-            g_variant_new("(s)", CHANNEL_INTERFACE)};
+    return {object.name, ObjectPathOf(object.channel), "org.freedesktop.DBus.Properties", "GetAll",
+            g_variant_new("(s)", interface)};
+}
+
+// As its object says, which may be anybody's: what is no name of a connection is left out.
+std::optional<std::vector<std::string>> DirectPartnersIn(const Answer& answer)
+{
+    if (answer.value == nullptr ||
+        g_variant_is_of_type(answer.value.get(), G_VARIANT_TYPE("(a{sv})")) == FALSE)
+        return std::nullopt;
+    const VariantPtr all(g_variant_get_child_value(answer.value.get(), 0));
+    const VariantPtr names(
+        g_variant_lookup_value(all.get(), "Partners", G_VARIANT_TYPE_STRING_ARRAY));
+    if (names == nullptr)
+        return std::nullopt;
+    std::vector<std::string> partners;
+    GVariantIter iterator;
+    const gchar* name = nullptr;
+    g_variant_iter_init(&iterator, names.get());
+    while (partners.size() < MOST_PARTNERS &&
+           g_variant_iter_next(&iterator, "&s", &name) != FALSE) {
+        if (g_dbus_is_unique_name(name) != FALSE)
+            partners.emplace_back(name);
+    }
+    return partners;
 }
 
 ObjectState StateOf(const Answer& answer)
@@ -62,7 +88,7 @@ std::vector<ChannelObject> FindObjects(Bus& bus, const std::set<std::string>& kn
     for (std::size_t i = 0; i < answers.size(); ++i) {
         const std::string& name = survey.names[i];
         for (const std::string& channel : ChildrenIn(answers[i]))
-            candidates.push_back({channel, name, ObjectState::no_interface, {}});
+            candidates.push_back({channel, name, ObjectState::no_interface, {}, {}});
         const bool is_silent = IsSilent(answers[i]);
         const bool is_refused = Is(answers[i], G_DBUS_ERROR_ACCESS_DENIED);
         if (!is_silent && !is_refused)
@@ -70,7 +96,7 @@ std::vector<ChannelObject> FindObjects(Bus& bus, const std::set<std::string>& kn
         const auto shown = rules ? rules->ChannelsOf(name) : std::set<std::string>();
         for (const std::string& channel : shown)
             candidates.push_back(
-                {channel, name, is_silent ? ObjectState::silent : ObjectState::refused, {}});
+                {channel, name, is_silent ? ObjectState::silent : ObjectState::refused, {}, {}});
         if (is_silent) {
             survey.silent.push_back(name);
             continue;
@@ -78,7 +104,7 @@ std::vector<ChannelObject> FindObjects(Bus& bus, const std::set<std::string>& kn
         ++survey.refused;
         for (const std::string& channel : known) {
             if (shown.count(channel) == 0)
-                candidates.push_back({channel, name, ObjectState::none, {}});
+                candidates.push_back({channel, name, ObjectState::none, {}, {}});
         }
     }
     return candidates;
@@ -90,7 +116,7 @@ void AskObjects(Bus& bus, std::vector<ChannelObject>& candidates)
     std::vector<BusCall> calls;
     calls.reserve(candidates.size());
     for (const ChannelObject& candidate : candidates)
-        calls.push_back(GetAll(candidate.name, candidate.channel));
+        calls.push_back(GetAll(candidate, CHANNEL_INTERFACE));
     const std::vector<Answer> answers = bus.CallAll(calls, PATIENCE);
     for (std::size_t i = 0; i < answers.size(); ++i) {
         ChannelObject& candidate = candidates[i];
@@ -103,6 +129,22 @@ void AskObjects(Bus& bus, std::vector<ChannelObject>& candidates)
                                         return candidate.state == ObjectState::none;
                                     }),
                      candidates.end());
+}
+
+// Only an endpoint that knows of direct paths has an answer.
+void AskDirectPartners(Bus& bus, std::vector<ChannelObject>& objects)
+{
+    std::vector<BusCall> calls;
+    std::vector<ChannelObject*> asked;
+    for (ChannelObject& object : objects) {
+        if (object.state != ObjectState::alive)
+            continue;
+        calls.push_back(GetAll(object, DIRECT_PATH_INTERFACE));
+        asked.push_back(&object);
+    }
+    const std::vector<Answer> answers = bus.CallAll(calls, PATIENCE);
+    for (std::size_t i = 0; i < answers.size(); ++i)
+        asked[i]->direct = DirectPartnersIn(answers[i]);
 }
 
 void AskCredentials(Bus& bus, std::vector<ChannelObject>& objects)
@@ -253,6 +295,7 @@ Survey TakeSurvey(Bus& bus, const std::set<std::string>& known,
     }
     survey.objects = FindObjects(bus, known, rules, survey);
     AskObjects(bus, survey.objects);
+    AskDirectPartners(bus, survey.objects);
     AskCredentials(bus, survey.objects);
     std::sort(survey.objects.begin(), survey.objects.end(),
               [](const ChannelObject& one, const ChannelObject& other) {

@@ -25,6 +25,8 @@ struct ChannelObject {
     std::string name;
     ObjectState state = ObjectState::none;
     Credentials credentials;
+    // With whom it goes past the bus; nothing where it does not say.
+    std::optional<std::vector<std::string>> direct;
 };
 
 // The match rules of every connection, by its unique name: what it listens to.

@@ -1,5 +1,5 @@
-// watch: the handshakes on the bus as they go, from the changes of owners alone, which everybody
-// may see.
+// watch: the handshakes on the bus as they go, from the changes of owners, which everybody may see;
+// and who goes past the bus after that, where this user may monitor it.
 
 #include <glib.h>
 
@@ -28,10 +28,17 @@ const char* KindOf(const Event& event)
             return "held";
         case Event::Kind::unanswered:
             return "unanswered";
+        case Event::Kind::direct:
+            return "direct";
         case Event::Kind::left:
             break;
     }
     return "left";
+}
+
+bool IsOfAStage(const Event& event)
+{
+    return event.kind != Event::Kind::left && event.kind != Event::Kind::direct;
 }
 
 // To the millisecond; the format ends in the microseconds.
@@ -58,7 +65,7 @@ Json RecordOf(const Event& event)
     record["channel"] = event.channel;
     record["name"] = event.who;
     record["role"] = NameOf(event.role);
-    if (event.kind != Event::Kind::left)
+    if (IsOfAStage(event))
         record["stage"] = NameOf(event.stage);
     if (event.gap)
         record["gap_ms"] = MillisecondsOf(*event.gap);
@@ -83,7 +90,7 @@ std::string Trimmed(const std::string& text)
 
 std::string LineOf(const Output& output, const Event& event)
 {
-    const std::string stage = event.kind == Event::Kind::left ? "left" : NameOf(event.stage);
+    const std::string stage = IsOfAStage(event) ? NameOf(event.stage) : KindOf(event);
     std::array<char, 512> text{};
     std::snprintf(text.data(), text.size(), "%s %9s  %-12s %-8s %-8s %-8s",
                   Now("%H:%M:%S.%f").c_str(), GapOf(event).c_str(), event.channel.c_str(),
@@ -130,7 +137,13 @@ Exit Watch(Tool& tool, const WatchOptions& options)
         Show(tool.output, log.See(change, HandshakeLog::Clock::now()));
         news = true;
     });
+    const SwitchMonitor monitor(tool.queue, [&](const SwitchOver& switch_over) {
+        Show(tool.output, log.SeeSwitch(switch_over));
+        news = true;
+    });
     SeeHeldNames(bus, log);
+    if (!monitor.IsMonitoring())
+        tool.output.Note("the bus does not let this user see which partners go past it");
     tool.output.Note("watching " +
                      (options.channel.empty() ? "every channel" : "channel " + options.channel) +
                      " at " + Bus::Address());
@@ -151,4 +164,10 @@ void AddWatch(CLI::App& app, Command& chosen)
     CLI::App* command = AddCommand(app, chosen, "watch", "Show the handshakes as they go",
                                    "pelmarctl watch demo", options, Watch);
     AddChannel(*command, options->channel);
+    command->footer(
+        "Messages and notifications are not shown. Between two endpoints they go past the bus; "
+        "with\n"
+        "PELMAR_DIRECT=0 in the environment of one of them they stay on it, where a monitor\n"
+        "(dbus-monitor --system) shows them.\n\n" +
+        command->get_footer());
 }
