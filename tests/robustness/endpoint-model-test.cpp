@@ -36,6 +36,7 @@ enum class Task { notify, echo, later, fail, drop, ask_back };
 struct Stay {
     unsigned number = 0;
     Partner partner;
+    bool was_greeted = false;  // what is sent at once is sent
     bool lost = false;
     bool has_to_be_lost = false;  // somebody was told so
     unsigned rooms = 0;
@@ -270,7 +271,21 @@ public:
         EXPECT_EQ("", Missing()) << "has not come";
     }
 
-    std::string Story() const { return m_story.str(); }
+    // And what has become of the last that was sent.
+    std::string Story()
+    {
+        const auto lock = m_ledger.Hold();
+        const auto& sent = m_ledger.All();
+        for (std::size_t id = sent.size() - std::min<std::size_t>(sent.size(), 40);
+             id < sent.size(); ++id)
+            m_story << "  " << id << ": task " << static_cast<int>(sent[id].task)
+                    << (sent[id].by_handler ? " of a handler" : "") << " to "
+                    << sent[id].to->partner.Name() << " (" << sent[id].to->number
+                    << (sent[id].to->lost ? ", lost" : "") << ")"
+                    << (sent[id].accepted ? " ok" : "") << " delivered " << sent[id].delivered
+                    << " done " << sent[id].done << "\n";
+        return m_story.str();
+    }
 
 private:
     unsigned Below(std::size_t limit) { return static_cast<unsigned>(m_random() % limit); }
@@ -358,6 +373,8 @@ private:
         for (int i = 0; i < 3; ++i)
             Notify(life, stay, 100, true);
         Ask(life, stay, Task::echo, 100, seconds(60), true);
+        lock.lock();
+        stay->was_greeted = true;
     }
 
     void TakeMessage(Life& life, Message& message, PelmarEndpoint::Reply reply)
@@ -668,6 +685,8 @@ private:
             if (stay->lost)
                 continue;
             ++ready;
+            if (!stay->was_greeted)
+                return "a greeting of the " + who;
             if (stay->has_to_be_lost)
                 return "the word that " + partner.Name() + " is lost, at the " + who;
             if (stay->rooms < stay->rooms_due)
