@@ -107,7 +107,7 @@ public:
         text << "messages_sent " << m_messages_sent << " notifications_sent "
              << m_notifications_sent << " refused " << m_refused << " messages_received "
              << m_messages_received << " notifications_received " << m_notifications_received
-             << " missed " << m_missed;
+             << " missed " << m_missed << " direct " << (m_partner.IsDirect() ? 1 : 0);
         Say("report", text.str());
     }
 

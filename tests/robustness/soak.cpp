@@ -1,6 +1,7 @@
 // Long life under traffic: a service, two clients that stay, one that comes and goes, one that is
 // killed again and again, about a thousand sendings a second among them. Every sending has to
-// arrive or to have been refused, and nobody's memory or descriptors may grow.
+// arrive or to have been refused, and nobody's memory or descriptors may grow. All go past the bus,
+// or none with PELMAR_DIRECT=0.
 //
 //   soak MINUTES
 
@@ -34,6 +35,12 @@ constexpr int STAY_SECONDS = 2;
 
 // What a process grows by in its first seconds is no leak.
 constexpr int SHORTEST_JUDGED = 60;
+
+bool MayGoDirect()
+{
+    const char* direct = std::getenv("PELMAR_DIRECT");
+    return direct == nullptr || std::string(direct) != "0";
+}
 
 class Peer {
 public:
@@ -147,6 +154,7 @@ public:
 private:
     void Exchange()
     {
+        ++m_stays;
         m_orderly = m_passing->Leave(m_clients) && m_orderly;
         m_passing = std::make_unique<Peer>("client", 200);
         m_doomed = std::make_unique<Peer>("client", 0);  // kills the one before it
@@ -156,13 +164,17 @@ private:
     bool CountUp()
     {
         m_doomed.reset();
-        for (Peer* client : {m_passing.get(), &m_first, &m_second})
+        for (Peer* client : {m_passing.get(), &m_first, &m_second}) {
+            ++m_stays;
             m_orderly = client->Leave(m_clients) && m_orderly;
+        }
         m_orderly = m_service.Leave(m_at_service) && m_orderly;
         const std::uint64_t sent = m_clients["messages_sent"] + m_clients["notifications_sent"];
         const std::uint64_t received =
             m_at_service["messages_received"] + m_at_service["notifications_received"];
-        std::printf("partners exchanged %d times\n", m_exchanges);
+        std::printf("partners exchanged %d times; %ju of %ju clients went past the bus\n",
+                    m_exchanges, static_cast<std::uintmax_t>(m_clients["direct"]),
+                    static_cast<std::uintmax_t>(m_stays));
         std::printf("clients sent %ju, refused %ju; service received %ju\n",
                     static_cast<std::uintmax_t>(sent),
                     static_cast<std::uintmax_t>(m_clients["refused"]),
@@ -172,7 +184,8 @@ private:
                     static_cast<std::uintmax_t>(m_at_service["refused"]),
                     static_cast<std::uintmax_t>(m_clients["notifications_received"]),
                     static_cast<std::uintmax_t>(m_clients["missed"]));
-        return m_orderly && sent == received && m_clients["missed"] == 0;
+        return m_orderly && sent == received && m_clients["missed"] == 0 &&
+               m_clients["direct"] == (MayGoDirect() ? m_stays : 0);
     }
 
     TestBus m_bus;
@@ -185,6 +198,7 @@ private:
     Counts m_at_service;
     bool m_orderly = true;
     int m_exchanges = 0;
+    std::uint64_t m_stays = 0;  // of clients that left
 };
 
 }  // namespace
