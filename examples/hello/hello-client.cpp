@@ -30,5 +30,6 @@ int main()
     }
     std::cout << "the service answers: " << std::string(response.data.begin(), response.data.end())
               << std::endl;
+    std::cout << "they go " << (partner->IsDirect() ? "past the bus" : "by the bus") << std::endl;
     pause();
 }

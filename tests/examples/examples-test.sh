@@ -314,5 +314,29 @@ TheMinimalService.AnswersWithAGreeting()
         "([byte 0x48, 0x65, 0x6c, 0x6c, 0x6f, 0x2c, 0x20, 0x59, 0x6f, 0x75, 0x21],)"
 }
 
+# ---- The endpoints of the tutorial ------------------------------------------------------------
+
+greet()
+{
+    start hello-client "$programs/hello-client"
+    start hello-service "$programs/hello-service"
+    await hello-service "$started" "is ready"
+    await hello-client "$started" "they go "
+    expect_text hello-client out "the service answers: Hello, client!"
+}
+
+TheHelloClient.SaysThatTheyGoPastTheBus()
+{
+    greet
+    expect_text hello-client out "they go past the bus"
+}
+
+TheHelloClient.SaysThatTheyGoByTheBusWhereThatIsWanted()
+{
+    export PELMAR_DIRECT=0
+    greet
+    expect_text hello-client out "they go by the bus"
+}
+
 start_private_bus
 "$2"
