@@ -297,6 +297,7 @@ private:
     void NotificationRefused(const PeerPtr& peer, GDBusMessage* error);
     void BeginAnew(const std::string& name);
     void ForgetDealtWith(Peer& peer);
+    void TellOfRoom(Peer& peer);
     void AfterProgress(const PeerPtr& peer);
     void AnswerWith(const PeerPtr& peer, const std::shared_ptr<OutgoingAnswer>& answer);
     void SendAnswer(const OutgoingAnswer& answer);

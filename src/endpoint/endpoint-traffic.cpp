@@ -628,6 +628,8 @@ void PelmarEndpoint::Impl::Pump(const PeerPtr& peer)
 {
     if (peer->socket != nullptr) {
         PumpDirect(peer);
+        // It may have written what nobody is told of by the socket then.
+        TellOfRoom(*peer);
         return;
     }
     while (DaemonHasRoom()) {
@@ -858,10 +860,15 @@ void PelmarEndpoint::Impl::AfterProgress(const PeerPtr& peer)
     if (peer->socket == nullptr)
         ForgetDealtWith(*peer);
     Pump(peer);
-    if (peer->window.HasRoomAgain())
-        Tell("OnRoom", m_handlers.room, Partner(peer->partner));
+    TellOfRoom(*peer);
     if (m_stopped)
         m_changed.notify_all();
+}
+
+void PelmarEndpoint::Impl::TellOfRoom(Peer& peer)
+{
+    if (peer.window.HasRoomAgain())
+        Tell("OnRoom", m_handlers.room, Partner(peer.partner));
 }
 
 // ---- The daemon's ---------------------------------------------------------------------------

@@ -387,6 +387,30 @@ TEST_F(TwoEndpoints, BringAnAnswerAlsoWhereTheIntakeIsFull)
     m_service.news.Await("answer ba");
 }
 
+// What is sent meanwhile writes what waits, so that nobody else finds the socket ready for more.
+TEST_F(TwoEndpoints, TellOfRoomAlsoWhereASendingMadeIt)
+{
+    m_service.endpoint.SetIntake(100000);
+    m_client.endpoint.SetWindow(200000);
+    std::mutex handling;
+    m_service.endpoint.OnNotification(
+        [&](Message& /*message*/) { const std::lock_guard<std::mutex> lock(handling); });
+    Start();
+    AwaitDirectPath();
+    for (std::size_t round = 1; round <= 20; ++round) {
+        {
+            const std::lock_guard<std::mutex> lock(handling);
+            while (m_client.endpoint.Notify(m_to_service, Bytes(50000)) == Status::ok) {
+            }
+        }
+        for (int i = 0; i < 20; ++i) {
+            m_client.endpoint.Notify(m_to_service, {});
+            std::this_thread::sleep_for(std::chrono::microseconds(50));
+        }
+        m_client.news.Await("room ", round);
+    }
+}
+
 // ---- The switch-over -----------------------------------------------------------------------
 
 // Sends numbers from the moment it is ready, notifications and requests in turn, and looks at those
