@@ -143,6 +143,11 @@ bool PelmarEndpoint::Impl::TakeCall(GDBusMessage* call)
         TakeQuestion(call);
         return true;
     }
+    if (bus_message::HasMember(call, PROPERTIES, "GetAll") && bus_message::HasBody(call, "(s)") &&
+        bus_message::FirstString(call) == DIRECT_PATH_INTERFACE) {
+        SendNow(bus_message::Answer(bus_message::CallId(call), DirectPartners()).get());
+        return true;
+    }
     return false;
 }
 
@@ -162,6 +167,21 @@ void PelmarEndpoint::Impl::TakeQuestion(GDBusMessage* message)
     } else {
         RefuseQuestion(question);
     }
+}
+
+// For whoever looks at the bus: with whom this endpoint goes past it.
+GVariant* PelmarEndpoint::Impl::DirectPartners() const
+{
+    GVariantBuilder names;
+    g_variant_builder_init(&names, G_VARIANT_TYPE_STRING_ARRAY);
+    for (const auto& entry : m_direct_peers) {
+        if (entry.second->partner->direct)
+            g_variant_builder_add(&names, "s", entry.second->Name().c_str());
+    }
+    GVariantBuilder all;
+    g_variant_builder_init(&all, G_VARIANT_TYPE_VARDICT);
+    g_variant_builder_add(&all, "{sv}", "Partners", g_variant_builder_end(&names));
+    return g_variant_new("(@a{sv})", g_variant_builder_end(&all));
 }
 
 void PelmarEndpoint::Impl::AnswerQuestion(const bus_message::CallId& question)

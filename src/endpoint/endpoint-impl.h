@@ -259,6 +259,7 @@ private:
     void DeliverHeld(const PeerPtr& peer);
     void RefuseCall(const PeerPtr& peer, const CallOrigin& call, const char* error,
                     const std::string& text);
+    GVariant* DirectPartners() const;
     void AnswerQuestion(const bus_message::CallId& question);
     void RefuseQuestion(const bus_message::CallId& question);
     void AnswerStranger(const bus_message::CallId& question);

@@ -129,6 +129,19 @@ AListingPelmarctl.BelievesNobodyWhoMakesUpPartners()
         fail "it counts partners of one that does not tell"
 }
 
+AListingPelmarctl.ShowsWhoGoesPastTheBus()
+{
+    watch
+    serve
+    start_client
+    await watcher "$watcher" "goes past the bus with $service_name"
+    expect 0 list demo --json
+    expect_json ctl "length == 2 and all(.[]; .direct | length == 1) and
+        .[1].direct == [\"$service_name\"]"
+    expect 0 doctor demo
+    expect_text ctl out "have found each other, and send past the bus"
+}
+
 # ---- watch ----------------------------------------------------------------------------------
 
 AWatchingPelmarctl.ShowsAHandshakeStageByStage()
