@@ -1,10 +1,11 @@
-// Instructions that a server executes for one Send, counted by callgrind: what is left when two
+// Instructions that a process executes for one call, counted by callgrind: what is left when two
 // runs that differ in the number of calls alone are subtracted.
 
 #include <signal.h>
 
 #include <fstream>
 
+#include "peers.h"
 #include "server-process.h"
 #include "workloads.h"
 
@@ -13,21 +14,16 @@ namespace {
 // Before the first count: caches, look-ups and buffers that are made once.
 constexpr unsigned WARM_UP_CALLS = 50;
 
-double InstructionsOfRun(const std::string& folder, const ServerKind& kind, std::size_t size,
-                         unsigned calls)
+std::vector<std::string> Callgrind(const std::string& log)
 {
-    const std::string log = folder + "/callgrind.log";
-    {
-        ServerProcess server(kind, "count",
-                             {"valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
-                              "--log-file=" + log});
-        const auto client = server.NewClient();
-        const EchoClient::Bytes data(size, 's');
-        for (unsigned i = 0; i < calls; ++i)
-            client->Call(data);
-        server.Process().Signal(SIGTERM);
-        server.Process().WaitForEnd();
-    }
+    return {"valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", "--log-file=" + log};
+}
+
+// Ends the process, which then says how many it were.
+double InstructionsOf(ChildProcess& process, const std::string& log)
+{
+    process.Signal(SIGTERM);
+    process.WaitForEnd();
     std::ifstream lines(log);
     std::string line;
     const std::string mark = "Collected : ";
@@ -36,24 +32,66 @@ double InstructionsOfRun(const std::string& folder, const ServerKind& kind, std:
         if (found != std::string::npos)
             return std::stod(line.substr(found + mark.size()));
     }
-    throw std::runtime_error("callgrind gave no count for " + kind.name +
-                             ": is valgrind installed?");
+    throw std::runtime_error("callgrind gave no count: is valgrind installed?");
+}
+
+// `run` makes so many calls after those that warm it up, and gives all that were executed.
+template <typename Run>
+long InstructionsPerCall(Run run, unsigned calls)
+{
+    const double few = run(WARM_UP_CALLS);
+    return static_cast<long>((run(WARM_UP_CALLS + calls) - few) / calls);
+}
+
+double RunServer(const std::string& log, const ServerKind& kind, std::size_t size, unsigned calls)
+{
+    ServerProcess server(kind, "count", Callgrind(log));
+    const auto client = server.NewClient();
+    const EchoClient::Bytes data(size, 's');
+    for (unsigned i = 0; i < calls; ++i)
+        client->Call(data);
+    return InstructionsOf(server.Process(), log);
+}
+
+// One end is counted, the other one runs as it is.
+double RunPair(const std::string& log, const std::string& counted, std::size_t size, unsigned calls)
+{
+    const auto start = [&](const std::string& role) {
+        return PeerProcess(EndpointPeer(), role, "count",
+                           role == counted ? Callgrind(log) : std::vector<std::string>());
+    };
+    PeerProcess server = start("server");
+    PeerProcess client = start("client");
+    Request(client, size, calls);
+    return InstructionsOf(counted == "server" ? server : client, log);
 }
 
 }  // namespace
 
 nlohmann::json CountInstructions(BenchBus& bus, const Effort& effort)
 {
+    const std::string log = bus.Folder() + "/callgrind.log";
     nlohmann::json results;
     for (const ServerKind& kind : KindsNamed(effort.servers)) {
         if (!kind.on_the_bus)
             continue;
         for (const std::size_t size : effort.counted_sizes) {
-            const double few = InstructionsOfRun(bus.Folder(), kind, size, WARM_UP_CALLS);
-            const double many =
-                InstructionsOfRun(bus.Folder(), kind, size, WARM_UP_CALLS + effort.counted_calls);
+            const auto run = [&](unsigned calls) { return RunServer(log, kind, size, calls); };
             results[kind.name][std::to_string(size)] =
-                static_cast<long>((many - few) / effort.counted_calls);
+                InstructionsPerCall(run, effort.counted_calls);
+        }
+    }
+    return results;
+}
+
+nlohmann::json CountRequestInstructions(BenchBus& bus, const Effort& effort)
+{
+    const std::string log = bus.Folder() + "/callgrind.log";
+    nlohmann::json results;
+    for (const std::string counted : {"server", "client"}) {
+        for (const std::size_t size : effort.counted_request_sizes) {
+            const auto run = [&](unsigned calls) { return RunPair(log, counted, size, calls); };
+            results[counted][std::to_string(size)] = InstructionsPerCall(run, effort.counted_calls);
         }
     }
     return results;

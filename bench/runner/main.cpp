@@ -1,7 +1,6 @@
 // Measures the channel side by side with what else a user would pick, on one private bus daemon,
 // everything on one processor. `bench-run --help` lists the workloads; scripts/bench runs them all.
 
-#include <sched.h>
 #include <sys/resource.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -14,29 +13,12 @@
 #include <iostream>
 #include <map>
 
+#include "peers.h"
+#include "processors.h"
 #include "server-process.h"
 #include "workloads.h"
 
 namespace {
-
-// Children inherit it, so the servers and the daemon run on the same one.
-int PinToOneProcessor(int wanted)
-{
-    cpu_set_t allowed;
-    sched_getaffinity(0, sizeof(allowed), &allowed);
-    int chosen = wanted;
-    for (int processor = 0; wanted < 0 && processor < CPU_SETSIZE; ++processor) {
-        if (CPU_ISSET(processor, &allowed))
-            chosen = processor;
-    }
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(chosen, &one);
-    if (sched_setaffinity(0, sizeof(one), &one) != 0)
-        throw std::runtime_error("cannot run on processor " + std::to_string(chosen) +
-                                 ": it is not there, or this process may not use it");
-    return chosen;
-}
 
 // Ahead of what else the machine does; only root may. Linux weighs sessions before it weighs
 // processes, so this takes a session of its own.
@@ -104,6 +86,7 @@ struct Options {
     std::string effort = "full";
     std::vector<std::string> only;
     std::vector<std::string> servers;
+    std::vector<std::string> peers;
     std::vector<std::size_t> sizes;
     std::string json = "results.json";
     std::string library;
@@ -117,8 +100,10 @@ Effort EffortOf(const Options& options)
                     : options.effort == "quick" ? QuickEffort()
                                                 : SmokeEffort();
     effort.servers = options.servers;
+    effort.peers = options.peers;
     if (!options.sizes.empty())
-        effort.sizes = effort.counted_sizes = options.sizes;
+        effort.sizes = effort.request_sizes = effort.counted_sizes = effort.counted_request_sizes =
+            options.sizes;
     return effort;
 }
 
@@ -143,7 +128,9 @@ nlohmann::json Run(const Options& options)
             continue;
         std::cerr << workload.name << ": " << workload.description << std::endl;
         BenchBus bus;
-        results[workload.name] = workload.measure(bus, effort);
+        nlohmann::json figures = workload.measure(bus, effort);
+        if (!figures.is_null())
+            results[workload.name] = std::move(figures);
     }
     if (!options.library.empty())
         results["library_bytes"] = std::filesystem::file_size(options.library);
@@ -171,6 +158,9 @@ int RunCommandLine(int argc, char** argv)
     std::vector<std::string> servers;
     for (const ServerKind& kind : ServerKinds())
         servers.push_back(kind.name);
+    std::vector<std::string> peers;
+    for (const PeerKind& kind : PeersNamed({}))
+        peers.push_back(kind.name);
     app.add_option("--effort", options.effort, "how long: full, quick or smoke")
         ->check(CLI::IsMember({"full", "quick", "smoke"}));
     app.add_option("--only", options.only, "these workloads alone, separated by commas")
@@ -179,7 +169,11 @@ int RunCommandLine(int argc, char** argv)
     app.add_option("--servers", options.servers, "these servers alone, separated by commas")
         ->delimiter(',')
         ->check(CLI::IsMember(servers));
-    app.add_option("--sizes", options.sizes, "these sizes of a Send alone, separated by commas")
+    app.add_option("--peers", options.peers,
+                   "these technologies at both ends alone, separated by commas")
+        ->delimiter(',')
+        ->check(CLI::IsMember(peers));
+    app.add_option("--sizes", options.sizes, "these sizes of a message alone, separated by commas")
         ->delimiter(',');
     app.add_option("--json", options.json, "where the results go");
     app.add_option("--library", options.library, "a stripped library, for its size")

@@ -22,6 +22,7 @@ struct Record {
     std::vector<double> rates;
     std::vector<double> waits;
     std::vector<double> page_faults;
+    std::map<std::string, std::vector<double>> others;
 
     void Add(const Sample& sample)
     {
@@ -31,6 +32,8 @@ struct Record {
         rates.push_back(RateOf(sample));
         waits.push_back(sample.waits);
         page_faults.push_back(sample.page_faults);
+        for (const auto& [name, seconds_of_other] : sample.others)
+            others[name].push_back(seconds_of_other);
     }
 };
 
@@ -80,6 +83,8 @@ nlohmann::json RunRounds(const std::vector<Contender>& contenders, const Effort:
         nlohmann::json& result = results[contenders[i].name];
         result["us"] = Microseconds(record.seconds);
         result["server_us"] = Microseconds(record.processor_seconds);
+        for (const auto& [name, seconds] : record.others)
+            result[name + "_us"] = Microseconds(seconds);
         if (record.calls.empty())
             continue;
         result["p99_us"] = Microseconds({statistics::Quantile(record.calls, 0.99)}).front();

@@ -4,6 +4,7 @@
 #define PELMAR_BENCH_ROUNDS_H
 
 #include <functional>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -17,6 +18,7 @@ struct Sample {
     std::vector<double> calls;     // where each was timed by itself
     double waits = 0;              // of the server, see server-process.h
     double page_faults = 0;
+    std::map<std::string, double> others = {};  // processor seconds of whom else
 };
 
 struct Contender {
@@ -25,8 +27,8 @@ struct Contender {
 };
 
 /// For each contender its rounds, as "us" and "server_us"; where calls were timed by themselves
-/// also "p99_us", "per_second", "waits" and "page_faults". The first contender's ratios decide when
-/// it is enough.
+/// also "p99_us", "per_second", "waits" and "page_faults"; and "NAME_us" of whom else there is. The
+/// first contender's ratios decide when it is enough.
 nlohmann::json RunRounds(const std::vector<Contender>& contenders, const Effort::Rounds& rounds);
 
 #endif
