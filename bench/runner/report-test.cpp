@@ -65,7 +65,7 @@ TEST(AReport, SaysThatATargetHolds)
     ASSERT_EQ(targets.size(), 1U);
     EXPECT_TRUE(targets[0].Holds());
     EXPECT_EQ(report::Verdict(targets[0]),
-              "holds           `Send` of 16 KiB, time: channel / gdbus: 1.040, at most 1.05");
+              "holds    `Send` of 16 KiB, time: channel / gdbus: 1.040, at most 1.05");
 }
 
 TEST(AReport, SaysThatATargetDoesNotHold)
@@ -73,7 +73,7 @@ TEST(AReport, SaysThatATargetDoesNotHold)
     const auto targets = report::Targets(SendOf16Kib({106, 106}, {100, 100}));
     ASSERT_EQ(targets.size(), 1U);
     EXPECT_FALSE(targets[0].Holds());
-    EXPECT_THAT(report::Verdict(targets[0]), HasSubstr("DOES NOT HOLD"));
+    EXPECT_THAT(report::Verdict(targets[0]), HasSubstr("MISSED"));
 }
 
 // A peer that GDBus itself does not reach is not reached by what is built on it.
@@ -86,18 +86,18 @@ TEST(AReport, SaysWhatBareGdbusReaches)
     EXPECT_EQ(targets[0].floor, 0);
     EXPECT_THAT(targets[1].value.median, DoubleNear(0.20, 1e-9));
     EXPECT_THAT(targets[1].floor, DoubleNear(0.19, 1e-9));
-    EXPECT_THAT(report::Markdown(results), HasSubstr("| **no** | 0.190 |"));
+    EXPECT_THAT(report::Markdown(results), HasSubstr("| **missed** | 0.190 |"));
 }
 
-TEST(AReport, ComparesTheBridgeWithADirectSendAndWithMqttAlone)
+TEST(AReport, ComparesTheBridgeWithASendWithoutItAndWithMqttAlone)
 {
     json results = SendOf16Kib({100}, {100});
     results.erase("send");
     results["bridge"]["64"] = {{"bridge", {{"us", {600, 6000}}}},
-                               {"direct", {{"us", {100, 1000}}}},
+                               {"no bridge", {{"us", {100, 1000}}}},
                                {"mqtt", {{"us", {120, 1200}}}}};
     const std::string text = report::Markdown(results);
-    EXPECT_THAT(text, HasSubstr("| bridge / direct | 6.00 |"));
+    EXPECT_THAT(text, HasSubstr("| bridge / no bridge | 6.00 |"));
     EXPECT_THAT(text, HasSubstr("| bridge / mqtt | 5.00 |"));
 }
 
@@ -115,6 +115,66 @@ TEST(AReport, ShowsCopiesInSizesOfTheMessageWhereTheyAreLarge)
                                 "| Server | 16 KiB |\n|---|---:|\n| gdbus | 3.00 |"));
 }
 
+json RequestOf(const std::string& size, const json& peers)
+{
+    json results = SendOf16Kib({100}, {100});
+    results.erase("send");
+    results["request"][size] = peers;
+    return results;
+}
+
+TEST(AReport, ComparesTheEndpointWithTheOtherTechnologiesWithinTheSameRound)
+{
+    const json results = RequestOf("64", {{"endpoint", {{"us", {20, 40}}}},
+                                          {"ZeroMQ", {{"us", {40, 80}}}},
+                                          {"sd-bus", {{"us", {40, 80}}}}});
+    const auto targets = report::Targets(results);
+    ASSERT_EQ(targets.size(), 2U);
+    EXPECT_EQ(report::Verdict(targets[0]),
+              "MISSED   `Request` of 64 B, time: endpoint / sd-bus: 0.500, at most 0.45");
+    EXPECT_EQ(report::Verdict(targets[1]),
+              "holds    `Request` of 64 B, time: endpoint / ZeroMQ: 0.500, at most 0.5");
+    EXPECT_THAT(report::Markdown(results), HasSubstr("| ZeroMQ | 0.500 |\n| sd-bus | 0.500 |\n"));
+}
+
+TEST(AReport, WantsNothingOfTheDaemonPastIt)
+{
+    const auto targets = report::Targets(
+        RequestOf("64", {{"endpoint", {{"daemon_us", {0, 0}}, {"server_us", {15, 15}}}},
+                         {"endpoint on the bus", {{"server_us", {100, 100}}}}}));
+    ASSERT_EQ(targets.size(), 2U);
+    EXPECT_TRUE(targets[0].Holds());
+    EXPECT_EQ(targets[1].unit, "us");
+    EXPECT_TRUE(targets[1].Holds());
+}
+
+TEST(AReport, WantsAsManyDeliveriesAsZeroMq)
+{
+    json results = RequestOf("64", json::object());
+    results["deliveries"]["10"] = {{"endpoint", {{"us", {2.0}}}}, {"ZeroMQ", {{"us", {1.0}}}}};
+    const auto targets = report::Targets(results);
+    ASSERT_EQ(targets.size(), 1U);
+    EXPECT_EQ(report::Verdict(targets[0]),
+              "MISSED   Deliveries a second to 10: endpoint / ZeroMQ: 0.500, at least 1");
+}
+
+TEST(AReport, SaysWhatAnIdlePartnerCosts)
+{
+    json results = RequestOf("64", json::object());
+    results["idle-partners"] = {
+        {"partners", 1000},
+        {"bytes_each", 6 * 1024},
+        {"descriptors_each", 1},
+        {"request", {{"crowded", {{"us", {12}}}}, {"alone", {{"us", {10}}}}}}};
+    const auto targets = report::Targets(results);
+    ASSERT_EQ(targets.size(), 3U);
+    EXPECT_EQ(report::Verdict(targets[0]),
+              "MISSED   `Request` of 64 B, time: with / without 1000 idle partners: 1.200, "
+              "at most 1.1");
+    EXPECT_EQ(report::Verdict(targets[2]),
+              "holds    Memory of the server for each of them: 6.0 KiB, at most 12 KiB");
+}
+
 TEST(AReport, JudgesNothingThatWasNotMeasured)
 {
     EXPECT_TRUE(report::Targets(json::object()).empty());
@@ -129,6 +189,19 @@ TEST(AReport, ComparesInstructionsWithTheBaseline)
     EXPECT_FALSE(grown);
     EXPECT_THAT(report::CompareWithBaseline(Counts(1051), baseline, grown),
                 HasSubstr("+5.1 % GROWN"));
+    EXPECT_TRUE(grown);
+}
+
+TEST(AReport, ComparesTheInstructionsOfARequestWithTheBaseline)
+{
+    bool grown = false;
+    json results = Counts(1000);
+    results["request-instructions"]["server"]["64"] = 9000;
+    const json baseline = report::Baseline(results);
+    results["request-instructions"]["server"]["64"] = 9900;
+    EXPECT_THAT(
+        report::CompareWithBaseline(results, baseline, grown),
+        HasSubstr("server, 64 B: 9900 instructions a Request, baseline 9000: +10.0 % GROWN"));
     EXPECT_TRUE(grown);
 }
 

@@ -1,14 +1,14 @@
 #include "report.h"
 
-#include <algorithm>
 #include <array>
-#include <cmath>
-#include <cstdio>
 #include <fstream>
-#include <functional>
+#include <map>
 #include <set>
 #include <sstream>
 #include <stdexcept>
+
+#include "peer-report.h"
+#include "tables.h"
 
 namespace report {
 
@@ -17,7 +17,6 @@ namespace {
 using nlohmann::json;
 using statistics::Estimate;
 using Relation = Target::Relation;
-using Rounds = std::vector<double>;
 
 constexpr double MAX_GROWTH = 1.05;
 const std::string BEGIN_MARK = "<!-- results: written by scripts/bench -->";
@@ -29,62 +28,9 @@ const std::vector<std::string> SERVERS = {"channel", "endpoint",  "gdbus",   "gd
 
 // Of which crowds are measured.
 constexpr std::array<const char*, 2> GROWING = {"channel", "endpoint"};
-const std::vector<std::string> WAYS = {"bridge", "direct", "mqtt"};
-
-std::string Format(const char* format, double value)
-{
-    char text[64];
-    std::snprintf(text, sizeof(text), format, value);
-    return text;
-}
-
-// Three significant digits, as far as a figure is worth reading.
-std::string Short(double value)
-{
-    if (value == 0)
-        return "0";
-    const int digits = std::max(0, 2 - static_cast<int>(std::floor(std::log10(std::abs(value)))));
-    return Format(("%." + std::to_string(digits) + "f").c_str(), value);
-}
-
-std::string SizeText(const std::string& bytes)
-{
-    const long size = std::stol(bytes);
-    constexpr long kib = 1024;
-    if (size >= kib * kib)
-        return std::to_string(size / kib / kib) + " MiB";
-    return size >= kib ? std::to_string(size / kib) + " KiB" : bytes + " B";
-}
-
-const json* Find(const json& from, const std::vector<std::string>& path)
-{
-    const json* found = &from;
-    for (const std::string& key : path) {
-        const auto next = found->find(key);
-        if (next == found->end())
-            return nullptr;
-        found = &*next;
-    }
-    return found;
-}
-
-Rounds RoundsAt(const json& from, const std::vector<std::string>& path)
-{
-    const json* found = Find(from, path);
-    return found != nullptr ? found->get<Rounds>() : Rounds();
-}
-
-// JSON sorts "16384" before "64".
-std::vector<std::string> NumericKeys(const json& object)
-{
-    std::vector<std::string> keys;
-    for (const auto& item : object.items())
-        keys.push_back(item.key());
-    std::sort(keys.begin(), keys.end(), [](const std::string& left, const std::string& right) {
-        return std::stol(left) < std::stol(right);
-    });
-    return keys;
-}
+const std::vector<std::string> WAYS = {"endpoint, bridge", "endpoint, bridge, bus only",
+                                       "bridge",           "bridge, bus only",
+                                       "no bridge",        "mqtt"};
 
 // ---- Targets -------------------------------------------------------------------------------
 
@@ -140,9 +86,7 @@ private:
     std::vector<Target> m_targets;
 };
 
-}  // namespace
-
-std::vector<Target> Targets(const json& results)
+std::vector<Target> ChannelTargets(const json& results)
 {
     TargetList list(results);
     const std::vector<std::string> small = {"0", "64", "1024", "16384"};
@@ -178,6 +122,16 @@ std::vector<Target> Targets(const json& results)
     return list.Take();
 }
 
+}  // namespace
+
+std::vector<Target> Targets(const json& results)
+{
+    std::vector<Target> targets = PeerTargets(results);
+    const std::vector<Target> of_channel = ChannelTargets(results);
+    targets.insert(targets.end(), of_channel.begin(), of_channel.end());
+    return targets;
+}
+
 namespace {
 
 // Of a single figure there is none.
@@ -191,7 +145,10 @@ std::string Interval(const Estimate& value, const char* format)
 std::string Limit(const Target& target)
 {
     const bool ratio = target.unit.empty();
-    return (target.relation == Relation::at_most ? "at most " : "below ") +
+    const std::map<Relation, std::string> words = {{Relation::at_most, "at most "},
+                                                   {Relation::at_least, "at least "},
+                                                   {Relation::below, "below "}};
+    return words.at(target.relation) +
            (ratio ? Format("%.4g", target.limit) : Format("%g ", target.limit) + target.unit);
 }
 
@@ -207,79 +164,13 @@ std::string Measured(const Target& target)
 
 std::string Verdict(const Target& target)
 {
-    return (target.Holds() ? "holds           " : "DOES NOT HOLD   ") + target.text + ": " +
-           Measured(target) + ", " + Limit(target);
+    return (target.Holds() ? "holds    " : "MISSED   ") + target.text + ": " + Measured(target) +
+           ", " + Limit(target);
 }
 
 // ---- Tables --------------------------------------------------------------------------------
 
 namespace {
-
-class Table {
-public:
-    explicit Table(const std::vector<std::string>& heading)
-    {
-        Row(heading);
-        m_text << "|";
-        for (std::size_t i = 0; i < heading.size(); ++i)
-            m_text << (i == 0 ? "---|" : "---:|");
-        m_text << "\n";
-    }
-
-    void Row(const std::vector<std::string>& cells)
-    {
-        m_text << "|";
-        for (const std::string& cell : cells)
-            m_text << " " << cell << " |";
-        m_text << "\n";
-    }
-
-    std::string Text() const { return m_text.str() + "\n"; }
-
-private:
-    std::ostringstream m_text;
-};
-
-// A row for each server that has any value, a column for each key.
-std::string ServerTable(
-    const std::string& corner, const std::vector<std::string>& keys,
-    const std::function<std::string(const std::string&)>& heading,
-    const std::function<const json*(const std::string& server, const std::string& key)>& value,
-    const std::function<std::string(const json&)>& text,
-    const std::vector<std::string>& servers = SERVERS)
-{
-    std::vector<std::string> row = {corner};
-    std::transform(keys.begin(), keys.end(), std::back_inserter(row), heading);
-    Table table(row);
-    for (const std::string& server : servers) {
-        row = {server};
-        bool any = false;
-        for (const std::string& key : keys) {
-            const json* found = value(server, key);
-            any = any || found != nullptr;
-            row.push_back(found != nullptr ? text(*found) : "");
-        }
-        if (any)
-            table.Row(row);
-    }
-    return table.Text();
-}
-
-std::string MedianText(const json& rounds)
-{
-    return Short(statistics::Median(rounds.get<Rounds>()));
-}
-
-std::string NumberText(const json& number)
-{
-    return Short(number.get<double>());
-}
-
-struct Column {
-    const char* title;
-    const char* key;
-    std::string (*text)(const json& value);
-};
 
 std::string SendTables(const json& results)
 {
@@ -304,19 +195,26 @@ std::string SendTables(const json& results)
                            ? nullptr
                            : Find(send, {size, server, column.key});
             },
-            column.text);
+            column.text, SERVERS);
     }
     return text;
 }
 
-// How many of the base's round trips one through the bridge takes.
+// How many times as long the one takes as the other.
+const std::vector<std::pair<std::string, std::string>> COMPARED_WAYS = {
+    {"endpoint, bridge", "endpoint, bridge, bus only"},
+    {"bridge", "bridge, bus only"},
+    {"bridge", "no bridge"},
+    {"bridge", "mqtt"},
+};
+
 json BridgeShares(const json& bridge)
 {
     json shares;
     for (const auto& [size, ways] : bridge.items()) {
-        for (const std::string base : {"direct", "mqtt"})
-            shares[size]["bridge / " + base] =
-                statistics::Ratios(RoundsAt(ways, {"bridge", "us"}), RoundsAt(ways, {base, "us"}));
+        for (const auto& [way, base] : COMPARED_WAYS)
+            shares[size][way + " / " + base] =
+                statistics::Ratios(RoundsAt(ways, {way, "us"}), RoundsAt(ways, {base, "us"}));
     }
     return shares;
 }
@@ -344,12 +242,16 @@ std::string BridgeTables(const json& results)
             column.text, WAYS);
     }
     const json shares = BridgeShares(bridge);
+    std::vector<std::string> names;
+    for (const auto& [way, base] : COMPARED_WAYS)
+        names.push_back(way + " / " + base);
     return text + "How many times as long it takes, median of the rounds:\n\n" +
-           ServerTable("", sizes, SizeText,
-                       [&](const std::string& share, const std::string& size) {
-                           return Find(shares, {size, share});
-                       },
-                       MedianText, {"bridge / direct", "bridge / mqtt"});
+           ServerTable(
+               "", sizes, SizeText,
+               [&](const std::string& share, const std::string& size) {
+                   return Find(shares, {size, share});
+               },
+               MedianText, names);
 }
 
 // In units of the message, where that is so large that its pieces are seen.
@@ -373,7 +275,7 @@ std::string ProfileTables(const json& results)
             [&](const std::string& server, const std::string& size) {
                 return Find(figures, {size, server});
             },
-            NumberText);
+            NumberText, SERVERS);
     };
     json system_calls;
     for (const auto& [size, servers] : profile.items()) {
@@ -399,7 +301,7 @@ std::string InstructionTable(const json& results)
                [&](const std::string& server, const std::string& size) {
                    return Find(counts, {server, size});
                },
-               [](const json& count) { return std::to_string(count.get<long>()); });
+               [](const json& count) { return std::to_string(count.get<long>()); }, SERVERS);
 }
 
 std::string NotificationTables(const json& results)
@@ -418,7 +320,7 @@ std::string NotificationTables(const json& results)
             [&](const std::string& server, const std::string& count) {
                 return Find(broadcast, {count, server, server_time ? "server_us" : "us"});
             },
-            MedianText);
+            MedianText, SERVERS);
     }
     return text + "A single one, from the order to the receipt, microseconds:\n\n" +
            ServerTable(
@@ -429,7 +331,8 @@ std::string NotificationTables(const json& results)
                },
                [](const json& value) {
                    return value.is_array() ? MedianText(value) : NumberText(value);
-               });
+               },
+               SERVERS);
 }
 
 std::string HandshakeTable(const json& results)
@@ -495,7 +398,8 @@ std::string TargetTable(const std::vector<Target>& targets)
 {
     Table table({"Target", "measured (95 % interval)", "wanted", "holds", "bare GDBus"});
     for (const Target& target : targets)
-        table.Row({target.text, Measured(target), Limit(target), target.Holds() ? "yes" : "**no**",
+        table.Row({target.text, Measured(target), Limit(target),
+                   target.Holds() ? "yes" : "**missed**",
                    target.floor > 0 ? Format("%.3f", target.floor) : ""});
     return "### Targets\n\n" + table.Text();
 }
@@ -528,6 +432,12 @@ std::string Markdown(const json& results)
         std::string (*text)(const json& results);
     };
     constexpr Section sections[] = {
+        {"request", RequestTables},
+        {"request-on-two", RequestOnTwoTables},
+        {"deliveries", DeliveryTables},
+        {"idle-partners", IdlePartnersTable},
+        {"handlers", HandlersTable},
+        {"request-instructions", RequestInstructionsTable},
         {"send", SendTables},
         {"profile", ProfileTables},
         {"instructions", InstructionTable},
@@ -551,43 +461,17 @@ std::string Markdown(const json& results)
 
 // ---- Plots ---------------------------------------------------------------------------------
 
-namespace {
-
-std::string Quoted(const std::string& text)
-{
-    return "\"" + text + "\"";
-}
-
-// A line for each key, a column for each server; "?" where there is nothing.
-void WriteServerData(const std::string& file, const json& by_key,
-                     const std::function<std::string(const std::string&)>& label,
-                     const std::vector<std::string>& servers = SERVERS)
-{
-    std::ofstream data(file);
-    data << "key";
-    for (const std::string& server : servers)
-        data << " " << Quoted(server);
-    for (const std::string& key : NumericKeys(by_key)) {
-        data << "\n" << Quoted(label(key));
-        for (const std::string& server : servers) {
-            const Rounds rounds = RoundsAt(by_key, {key, server, "us"});
-            data << " " << (rounds.empty() ? "?" : Short(statistics::Median(rounds)));
-        }
-    }
-    data << "\n";
-}
-
-}  // namespace
-
 void WritePlotData(const json& results, const std::string& folder)
 {
+    WritePeerPlotData(results, folder);
     if (const json* send = Find(results, {"send"}))
-        WriteServerData(folder + "/send.dat", *send, SizeText);
+        WriteServerData(folder + "/send.dat", *send, SizeText, SERVERS);
     if (const json* bridge = Find(results, {"bridge"}))
         WriteServerData(folder + "/bridge.dat", *bridge, SizeText, WAYS);
     if (const json* broadcast = Find(results, {"notifications", "broadcast"}))
-        WriteServerData(folder + "/notifications.dat", *broadcast,
-                        [](const std::string& count) { return count; });
+        WriteServerData(
+            folder + "/notifications.dat", *broadcast,
+            [](const std::string& count) { return count; }, SERVERS);
     for (const char* kind : GROWING) {
         const json* growth = Find(results, {"growth", kind});
         if (growth == nullptr)
@@ -604,31 +488,47 @@ void WritePlotData(const json& results, const std::string& folder)
 
 json Baseline(const json& results)
 {
-    json counts;
+    json baseline = {{"libraries", results.at("machine").at("libraries")}};
     for (const std::string server : {"channel", "endpoint"})
-        counts[server] = results.at("instructions").at(server);
-    return {{"libraries", results.at("machine").at("libraries")}, {"instructions", counts}};
+        baseline["instructions"][server] = results.at("instructions").at(server);
+    if (const json* counts = Find(results, {"request-instructions"}))
+        baseline["request-instructions"] = *counts;
+    return baseline;
 }
+
+namespace {
+
+// Adds the line of one count; true when it has grown.
+bool CompareCount(std::ostream& text, double count, const json* base)
+{
+    if (base == nullptr) {
+        text << "NOT IN THE BASELINE\n";
+        return true;
+    }
+    const double ratio = count / base->get<double>();
+    const bool grown = ratio > MAX_GROWTH;
+    text << "baseline " << base->get<long>() << ": " << Format("%+.1f %%", (ratio - 1) * 100)
+         << (grown ? " GROWN\n" : "\n");
+    return grown;
+}
+
+}  // namespace
 
 std::string CompareWithBaseline(const json& results, const json& baseline, bool& grown)
 {
     std::ostringstream text;
     const json current = Baseline(results);
-    for (const auto& [server, counts] : current.at("instructions").items()) {
-        for (const std::string& size : NumericKeys(counts)) {
-            text << server << ", " << SizeText(size) << ": " << counts.at(size).get<long>()
-                 << " instructions a Send, ";
-            const json* base = Find(baseline, {"instructions", server, size});
-            if (base == nullptr) {
-                grown = true;
-                text << "NOT IN THE BASELINE\n";
-                continue;
+    for (const auto& [group, call] :
+         {std::pair("instructions", "a Send"), std::pair("request-instructions", "a Request")}) {
+        const json processes = current.value(group, json::object());
+        for (const auto& [process, counts] : processes.items()) {
+            for (const std::string& size : NumericKeys(counts)) {
+                text << process << ", " << SizeText(size) << ": " << counts.at(size).get<long>()
+                     << " instructions " << call << ", ";
+                const json* base = Find(baseline, {group, process, size});
+                if (CompareCount(text, counts.at(size).get<double>(), base))
+                    grown = true;
             }
-            const double ratio = counts.at(size).get<double>() / base->get<double>();
-            const bool too_many = ratio > MAX_GROWTH;
-            grown = grown || too_many;
-            text << "baseline " << base->get<long>() << ": "
-                 << Format("%+.1f %%", (ratio - 1) * 100) << (too_many ? " GROWN\n" : "\n");
         }
     }
     if (results.at("machine").at("libraries") != baseline.at("libraries"))

@@ -11,9 +11,9 @@
 
 namespace report {
 
-/// What the channel is to reach, and what it did reach.
+/// What the channel or the endpoint is to reach, and what it did reach.
 struct Target {
-    enum class Relation { at_most, below };
+    enum class Relation { at_most, at_least, below };
 
     std::string text;
     Relation relation;
@@ -27,6 +27,8 @@ struct Target {
 
     bool Holds() const
     {
+        if (relation == Relation::at_least)
+            return value.median >= limit;
         return relation == Relation::at_most ? value.median <= limit : value.median < limit;
     }
 };

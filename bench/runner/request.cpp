@@ -73,7 +73,8 @@ nlohmann::json MeasureIdlePartners(BenchBus& bus, const Effort& effort)
         kind.name = name;
         pairs.push_back(std::make_unique<PeerPair>(bus, kind, name));
     }
-    RunRequests(pairs, SMALL, effort);  // whatever it takes for itself, it has
+    for (const auto& pair : pairs)
+        pair->RequestFor(effort.sample_seconds, SMALL);  // whatever it takes for itself, it has
     const pid_t server = pairs.front()->Server().Pid();
     const double bytes = PrivateBytes(server);
     const double descriptors = OpenDescriptors(server);
