@@ -16,7 +16,7 @@ bridge_test_packages=(mosquitto mosquitto-clients openssl iproute2 mandoc)
 # What the benchmarks are built and run with.
 # shellcheck disable=SC2034
 bench_packages=(libbenchmark-dev nlohmann-json3-dev libcli11-dev libsystemd-dev libsdbus-c++-dev
-    libdbus-1-dev valgrind strace)
+    libdbus-1-dev libzmq3-dev libnng-dev valgrind strace)
 
 # What all the tests are built and run with, but for the benchmarks.
 suite_packages=("${build_packages[@]}" "${tool_packages[@]}" "${bridge_packages[@]}"
