@@ -243,6 +243,7 @@ std::string BridgeTables(const json& results)
     }
     const json shares = BridgeShares(bridge);
     std::vector<std::string> names;
+    names.reserve(COMPARED_WAYS.size());
     for (const auto& [way, base] : COMPARED_WAYS)
         names.push_back(way + " / " + base);
     return text + "How many times as long it takes, median of the rounds:\n\n" +
