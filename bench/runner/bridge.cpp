@@ -9,6 +9,7 @@
 #include "machines.h"
 #include "mqtt-peer.h"
 #include "peers.h"
+#include "precedence.h"
 #include "server-process.h"
 
 namespace {
@@ -73,6 +74,7 @@ public:
     NearSide(const BenchBus& bus, const Broker& broker, const std::string& channel)
         : m_service(KindNamed("endpoint"), channel), m_attached(bus, broker, {"--attach", channel})
     {
+        GivePrecedenceTo(m_attached.Pid());
     }
 
     ServerProcess& Service() { return m_service; }
@@ -94,6 +96,7 @@ public:
           m_endpoint(endpoint, "client", channel),
           m_servers({near.Service().Process().Pid(), near.Bridge(), m_offering.Pid()})
     {
+        GivePrecedenceTo(m_offering.Pid());
     }
 
     Sample CallFor(double seconds, const EchoClient::Bytes& data)
@@ -131,7 +134,8 @@ std::unique_ptr<FarSide> FarSideOnTheBus(const BenchBus& bus, const Broker& brok
 
 nlohmann::json MeasureBridge(BenchBus& bus, const Effort& effort)
 {
-    const Broker broker;
+    Broker broker;
+    GivePrecedenceTo(broker.Process().Pid());
     NearSide near(bus, broker, CHANNEL);
     const auto near_on_the_bus = NearSideOnTheBus(bus, broker);
     const auto local = near.Service().NewClient();

@@ -1,7 +1,6 @@
 // Measures the channel side by side with what else a user would pick, on one private bus daemon,
 // everything on one processor. `bench-run --help` lists the workloads; scripts/bench runs them all.
 
-#include <sys/resource.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -14,22 +13,12 @@
 #include <map>
 
 #include "peers.h"
+#include "precedence.h"
 #include "processors.h"
 #include "server-process.h"
 #include "workloads.h"
 
 namespace {
-
-// Ahead of what else the machine does; only root may. Linux weighs sessions before it weighs
-// processes, so this takes a session of its own.
-bool TakePrecedence()
-{
-    constexpr int highest = -20;
-    setsid();
-    std::ofstream session("/proc/self/autogroup");
-    session << highest << std::flush;
-    return setpriority(PRIO_PROCESS, 0, highest) == 0;
-}
 
 std::string Today()
 {

@@ -6,6 +6,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "precedence.h"
 #include "processors.h"
 #include "server-process.h"
 #include "statistics.h"
@@ -89,6 +90,7 @@ PeerProcess::PeerProcess(const PeerKind& kind, const std::string& role, const st
     : ChildProcess(Command(kind, role, address, wrapper))
 {
     WaitForLine("ready");
+    GivePrecedenceTo(Pid());
 }
 
 PeerPair::PeerPair(BenchBus& bus, const PeerKind& kind, const std::string& name,

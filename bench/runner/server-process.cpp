@@ -12,6 +12,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "precedence.h"
+
 namespace {
 
 double SecondsOn(clockid_t clock)
@@ -153,6 +155,7 @@ ServerProcess::ServerProcess(const ServerKind& kind, std::string channel,
     if (kind.has_handshake)
         m_constructing = SecondsOf(m_process.WaitForLine("constructing "));
     m_name = m_process.WaitForLine("serving ");
+    GivePrecedenceTo(m_process.Pid());
 }
 
 double ServerProcess::WaitForReady()

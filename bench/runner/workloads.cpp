@@ -2,6 +2,8 @@
 
 #include <filesystem>
 
+#include "precedence.h"
+
 namespace {
 
 constexpr std::size_t KIB = 1024;
@@ -15,6 +17,7 @@ BenchBus::BenchBus()
           "<limit name=\"max_completed_connections\">4000</limit>\n"
           "<limit name=\"max_match_rules_per_connection\">8000</limit>")
 {
+    GivePrecedenceTo(Daemon().Pid());
 }
 
 std::string BenchBus::Folder() const
