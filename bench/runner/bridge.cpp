@@ -74,7 +74,6 @@ public:
     NearSide(const BenchBus& bus, const Broker& broker, const std::string& channel)
         : m_service(KindNamed("endpoint"), channel), m_attached(bus, broker, {"--attach", channel})
     {
-        GivePrecedenceTo(m_attached.Pid());
     }
 
     ServerProcess& Service() { return m_service; }
@@ -96,7 +95,9 @@ public:
           m_endpoint(endpoint, "client", channel),
           m_servers({near.Service().Process().Pid(), near.Bridge(), m_offering.Pid()})
     {
-        GivePrecedenceTo(m_offering.Pid());
+        // The client above has found it through both bridges, so they run.
+        for (const pid_t server : m_servers)
+            GivePrecedenceTo(server);
     }
 
     Sample CallFor(double seconds, const EchoClient::Bytes& data)
