@@ -74,6 +74,15 @@ MessagePtr Signal(const std::string& partner, const std::string& path, GVariant*
     return message;
 }
 
+MessagePtr DirectPathWord(const std::string& partner, const std::string& path, const char* method)
+{
+    MessagePtr message = Call(partner, path, DIRECT_PATH_INTERFACE, method, nullptr);
+    g_dbus_message_set_flags(message.get(),
+                             static_cast<GDBusMessageFlags>(G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED |
+                                                            G_DBUS_MESSAGE_FLAGS_NO_AUTO_START));
+    return message;
+}
+
 MessagePtr OpenDirectPath(const std::string& partner, const std::string& path, guint32 version,
                           int socket)
 {
@@ -95,7 +104,7 @@ int TakeDescriptor(GDBusMessage* call)
     guint32 version = 0;
     gint handle = -1;
     g_variant_get(g_dbus_message_get_body(call), "(uh)", &version, &handle);
-    if (handle < 0 || handle >= g_unix_fd_list_get_length(list))
+    if (version == 0 || handle < 0 || handle >= g_unix_fd_list_get_length(list))
         return -1;
     return g_unix_fd_list_get(list, handle, nullptr);
 }
@@ -233,6 +242,20 @@ Credentials ReadCredentials(GDBusMessage* reply)
     return credentials;
 }
 
+namespace {
+
+bool SaysThat(GDBusMessage* answer, const char* key)
+{
+    if (!HasBody(answer, "(a{sv})"))
+        return false;
+    const VariantPtr all(g_variant_get_child_value(g_dbus_message_get_body(answer), 0));
+    gboolean is_so = FALSE;
+    g_variant_lookup(all.get(), key, "b", &is_so);
+    return is_so != FALSE;
+}
+
+}  // namespace
+
 GVariant* UnknownPartner()
 {
     return g_variant_new_parsed("({'Unknown': <true>},)");
@@ -240,12 +263,17 @@ GVariant* UnknownPartner()
 
 bool IsUnknownPartner(GDBusMessage* answer)
 {
-    if (!HasBody(answer, "(a{sv})"))
-        return false;
-    const VariantPtr all(g_variant_get_child_value(g_dbus_message_get_body(answer), 0));
-    gboolean is_unknown = FALSE;
-    g_variant_lookup(all.get(), "Unknown", "b", &is_unknown);
-    return is_unknown != FALSE;
+    return SaysThat(answer, "Unknown");
+}
+
+GVariant* WaitForInvitation()
+{
+    return g_variant_new_parsed("({'Wait': <true>},)");
+}
+
+bool HasToWait(GDBusMessage* answer)
+{
+    return SaysThat(answer, "Wait");
 }
 
 std::string OwnerChangeRule(const std::string& name)

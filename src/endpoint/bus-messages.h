@@ -43,7 +43,10 @@ MessagePtr Signal(const std::string& partner, const std::string& path, GVariant*
 // too few descriptors.
 MessagePtr OpenDirectPath(const std::string& partner, const std::string& path, guint32 version,
                           int socket);
-// The descriptor that came with such a call; the caller's from now on. -1 when there is none.
+// What is said about direct paths without being answered.
+MessagePtr DirectPathWord(const std::string& partner, const std::string& path, const char* method);
+// The descriptor that came with such a call; the caller's from now on. -1 when there is none, or no
+// version.
 int TakeDescriptor(GDBusMessage* call);
 
 // What it takes to answer a call, without what was sent with it.
@@ -104,6 +107,10 @@ Credentials ReadCredentials(GDBusMessage* reply);
 // What an endpoint answers to the question of one whom it does not know; nobody else answers so.
 GVariant* UnknownPartner();
 bool IsUnknownPartner(GDBusMessage* answer);
+
+// The same for who may not open a direct path before it is invited.
+GVariant* WaitForInvitation();
+bool HasToWait(GDBusMessage* answer);
 
 // The match rule for the changes of a name's owner.
 std::string OwnerChangeRule(const std::string& name);

@@ -153,6 +153,9 @@ std::string FrameReader::FaultOf(const FrameHead& head) const
     const bool is_reply = head.type == FrameType::answer || head.type == FrameType::error;
     const bool is_message = head.type == FrameType::request || head.type == FrameType::answer ||
                             head.type == FrameType::notify;
+    const bool has_serial = head.type == FrameType::request || is_reply;
+    if (!has_serial && head.serial != 0)
+        return "serial " + std::to_string(head.serial) + " of frame type " + type;
     if (head.slot > (is_message || head.IsAboutSlot() ? DirectSlot::MOST : 0) ||
         (head.IsAboutSlot() && head.slot == 0))
         return "slot " + std::to_string(head.slot) + " of frame type " + type;

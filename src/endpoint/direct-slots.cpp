@@ -229,9 +229,12 @@ void TheirSlots::Forget(std::uint16_t number)
 // The other end may write meanwhile: nobody looks at the bytes before they are out.
 std::optional<std::vector<char>> TheirSlots::CopyOut(std::uint16_t number, std::uint64_t size)
 {
-    if (!IsNumber(number) || m_slots[number - 1U].Capacity() < size)
+    if (!IsNumber(number) || !m_slots[number - 1U].IsMapped() ||
+        m_slots[number - 1U].Capacity() < size)
         return std::nullopt;
     const SharedMemory& memory = m_slots[number - 1U];
+    if (!memory.IsFilled())
+        return std::nullopt;
     std::vector<char> bytes(memory.Bytes(), memory.Bytes() + size);
     memory.SetFilled(false);
     return bytes;

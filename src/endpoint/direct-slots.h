@@ -90,7 +90,7 @@ public:
     Verdict Take(std::uint16_t number, std::uint64_t capacity, const Descriptor& memory);
     void Forget(std::uint16_t number);
 
-    // Nothing when there is no such slot or it is smaller.
+    // Nothing when there is no such slot, or it is not filled or smaller.
     std::optional<std::vector<char>> CopyOut(std::uint16_t number, std::uint64_t size);
 
 private:

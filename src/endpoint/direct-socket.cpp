@@ -249,12 +249,13 @@ bool DirectSocket::TakeIn(Frame& frame)
 bool DirectSocket::TakeSlot(const Frame& frame)
 {
     using Verdict = TheirSlots::Verdict;
-    const Descriptor memory = std::move(m_memory);
-    const bool was_missed = std::exchange(m_memory_missed, false);
+    // A descriptor that has come belongs to a frame behind this.
     if (frame.payload.empty()) {
         m_their_slots.Forget(frame.head.slot);
-        return (!memory.IsOpen() && !was_missed) || Fail("a descriptor without a slot");
+        return true;
     }
+    const Descriptor memory = std::move(m_memory);
+    const bool was_missed = std::exchange(m_memory_missed, false);
     if (!memory.IsOpen() && !was_missed)
         return Fail("a slot without its memory");
     const Verdict verdict =
@@ -272,7 +273,7 @@ bool DirectSocket::CopyOut(Frame& frame)
     auto bytes = m_their_slots.CopyOut(frame.head.slot, frame.head.size);
     if (!bytes)
         return Fail("a message of " + std::to_string(frame.head.size) + " bytes in slot " +
-                    std::to_string(frame.head.slot) + ", which is smaller or unknown");
+                    std::to_string(frame.head.slot) + ", which is not filled, or smaller");
     frame.payload = std::move(*bytes);
     return true;
 }

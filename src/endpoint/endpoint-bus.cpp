@@ -138,6 +138,10 @@ bool PelmarEndpoint::Impl::TakeCall(GDBusMessage* call)
         TakeSwitch(g_dbus_message_get_sender(call));
         return true;
     }
+    if (bus_message::HasMember(call, DIRECT_PATH_INTERFACE, "Invite")) {
+        TakeInvitation(FindPeer(g_dbus_message_get_sender(call)));
+        return true;
+    }
     if (bus_message::HasMember(call, PROPERTIES, "GetAll") && bus_message::HasBody(call, "(s)") &&
         bus_message::FirstString(call) == CHANNEL_INTERFACE) {
         TakeQuestion(call);
@@ -186,7 +190,7 @@ GVariant* PelmarEndpoint::Impl::DirectPartners() const
 
 void PelmarEndpoint::Impl::AnswerQuestion(const bus_message::CallId& question)
 {
-    SendNow(bus_message::Answer(question, g_variant_new("(a{sv})", nullptr)).get());
+    SendNow(bus_message::Answer(question, WordOnDirectPath(question.caller)).get());
 }
 
 void PelmarEndpoint::Impl::RefuseQuestion(const bus_message::CallId& question)
@@ -475,7 +479,8 @@ void PelmarEndpoint::Impl::TellReady(const std::string& name)
     m_changed.notify_all();
     Tell("OnReady", m_handlers.ready, Partner(peer->partner));
     DeliverHeld(peer);
-    OpenDirectPath(peer);
+    TryDirectPath(peer);
+    AskForRoom(peer);
     AcceptDirectPath(peer);
 }
 
@@ -513,6 +518,7 @@ void PelmarEndpoint::Impl::Forget(Peer& peer)
         LetGo(peer, bus_message::Cost(message.get()));
     peer.held.clear();
     peer.questions.clear();
+    IsThrough(peer);
     CloseDirectPath(peer);
     peer.window.DealtWith(peer.window.Position());
     ForgetDealtWith(peer);

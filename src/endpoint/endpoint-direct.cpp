@@ -34,6 +34,13 @@ constexpr std::size_t BURST_BYTES = 64UL * 1024;
 // Others get their turn after so many reads of one partner.
 constexpr int READS_AT_A_TIME = 4;
 
+// Clients that may open a path at a time. The daemon holds 64 descriptors for a connection; when
+// there are more it drops what else is for it, its own answers among that.
+constexpr std::size_t MOST_INVITED = 8;
+
+// Who does not open it after so long stays on the bus, and others get their turn.
+constexpr milliseconds INVITATION{200};
+
 // Memory for large messages that was not used for so long is given up.
 constexpr milliseconds SLOT_PATIENCE{5000};
 
@@ -57,6 +64,11 @@ PelmarEndpoint::Status StatusOf(FrameError error)
         default:
             return Status::remote_error;
     }
+}
+
+bool IsFrameError(char reason)
+{
+    return static_cast<unsigned char>(reason) <= static_cast<unsigned char>(FrameError::busy);
 }
 
 FrameError FrameErrorOf(const char* bus_error_name)
@@ -121,12 +133,81 @@ bool PelmarEndpoint::Impl::MayGoDirect(const Peer& peer) const
     return m_direct_poll != nullptr && m_never_direct.count(peer.Name()) == 0;
 }
 
-// A client asks each service once; what cannot answer stays on the bus.
+// For a client that asks whether it is wired up: whether it may open a path, or has to wait.
+GVariant* PelmarEndpoint::Impl::WordOnDirectPath(const std::string& name)
+{
+    const PeerPtr peer = FindPeer(name);
+    const bool may_come = m_role == Role::service && !m_stopped && peer != nullptr &&
+                          MayGoDirect(*peer) && !peer->was_opened && !peer->is_invited;
+    const bool has_to_wait = may_come && (m_invited >= MOST_INVITED || !m_uninvited.empty());
+    if (has_to_wait && !std::exchange(peer->waits_for_turn, true))
+        m_uninvited.push_back(name);
+    if (may_come && !has_to_wait)
+        Invite(peer);
+    return has_to_wait ? bus_message::WaitForInvitation() : g_variant_new("(a{sv})", nullptr);
+}
+
+void PelmarEndpoint::Impl::Invite(const PeerPtr& peer)
+{
+    peer->is_invited = true;
+    ++m_invited;
+    const auto is_late = [this, peer] { IsThrough(*peer); };
+    // When the daemon answers, all that it held for this side has come, and nothing of that client.
+    After(INVITATION, [this, peer, is_late] {
+        if (peer->is_invited)
+            CallDaemon("GetId", nullptr, [is_late](GDBusMessage* /*answer*/) { is_late(); });
+    });
+}
+
+void PelmarEndpoint::Impl::InviteNext()
+{
+    while (m_invited < MOST_INVITED && !m_uninvited.empty() && !m_stopped) {
+        const PeerPtr peer = FindPeer(m_uninvited.front());
+        m_uninvited.pop_front();
+        if (peer == nullptr || peer->was_opened || peer->is_invited)
+            continue;
+        Invite(peer);
+        SendNow(bus_message::DirectPathWord(peer->Name(), m_object_path, "Invite").get());
+    }
+}
+
+void PelmarEndpoint::Impl::IsThrough(Peer& peer)
+{
+    if (!std::exchange(peer.is_invited, false))
+        return;
+    --m_invited;
+    InviteNext();
+}
+
+void PelmarEndpoint::Impl::TakeInvitation(const PeerPtr& peer)
+{
+    if (peer == nullptr)
+        return;
+    peer->may_open = true;
+    TryDirectPath(peer);
+}
+
+// A client asks each service once, when it is ready and has said that it may be asked.
+void PelmarEndpoint::Impl::TryDirectPath(const PeerPtr& peer)
+{
+    if (m_role == Role::client && !m_stopped && peer->partner->ready && peer->may_open &&
+        !std::exchange(peer->was_opened, true))
+        OpenDirectPath(peer);
+}
+
+// It may have become ready by what else it heard of its service.
+bool PelmarEndpoint::Impl::NeedsWordOnDirectPath(const Peer& peer) const
+{
+    return m_role == Role::client && peer.partner->ready && !peer.has_word && !peer.is_unaskable &&
+           MayGoDirect(peer);
+}
+
+// What cannot answer stays on the bus.
 void PelmarEndpoint::Impl::OpenDirectPath(const PeerPtr& peer)
 {
     const bool carries_descriptors = (g_dbus_connection_get_capabilities(m_connection.get()) &
                                       G_DBUS_CAPABILITY_FLAGS_UNIX_FD_PASSING) != 0;
-    if (m_role != Role::client || !carries_descriptors || !MayGoDirect(*peer))
+    if (!carries_descriptors || !MayGoDirect(*peer))
         return;
     auto [own, theirs] = ConnectedSockets();
     if (!own.IsOpen())
@@ -146,14 +227,11 @@ void PelmarEndpoint::Impl::OpenDirectPath(const PeerPtr& peer)
 void PelmarEndpoint::Impl::DirectPathAnswered(const PeerPtr& peer, Descriptor socket,
                                               GDBusMessage* answer)
 {
-    if (peer->gone || m_stopped || bus_message::Number(answer).value_or(NOT_NOW) == NOT_NOW)
+    if (peer->gone || m_stopped || bus_message::Number(answer) != DIRECT_VERSION) {
+        PELMAR_DEBUG("Partner %s stays on the bus\n\n", PELMAR_AT(__func__), peer->Name().c_str());
         return;
-    const MessagePtr switch_over =
-        bus_message::Call(peer->Name(), m_object_path, DIRECT_PATH_INTERFACE, "Switch", nullptr);
-    g_dbus_message_set_flags(switch_over.get(),
-                             static_cast<GDBusMessageFlags>(G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED |
-                                                            G_DBUS_MESSAGE_FLAGS_NO_AUTO_START));
-    SendNow(switch_over.get());
+    }
+    SendNow(bus_message::DirectPathWord(peer->Name(), m_object_path, "Switch").get());
     StartWriting(peer, std::move(socket));
     StartReading(peer);
 }
@@ -164,6 +242,8 @@ void PelmarEndpoint::Impl::TakeOpen(GDBusMessage* call)
     const bus_message::CallId id(call);
     Descriptor socket(bus_message::TakeDescriptor(call));
     const PeerPtr peer = FindPeer(id.caller);
+    if (peer != nullptr)
+        IsThrough(*peer);
     const bool is_welcome = m_role == Role::service && !m_stopped && peer != nullptr &&
                             m_handshake->Knows(id.caller) && !peer->was_opened && socket.IsOpen() &&
                             IsConnectedStream(socket.Number());
@@ -415,6 +495,10 @@ bool PelmarEndpoint::Impl::TakeDirectAnswer(const PeerPtr& peer, Frame frame)
         return false;
     }
     Outcome outcome;
+    if (frame.head.type == FrameType::error && !IsFrameError(frame.payload.front())) {
+        DirectPathFailed(peer, "an error for no known reason");
+        return false;
+    }
     if (frame.head.type == FrameType::answer) {
         outcome.data = std::move(frame.payload);
     } else {
@@ -478,11 +562,14 @@ void PelmarEndpoint::Impl::FillOutbox(const PeerPtr& peer)
     }
 }
 
-// One message right after another: they are written together.
+// One message right after another, to one or to many: they are written together.
 bool PelmarEndpoint::Impl::IsInBurst(Peer& peer)
 {
     const auto now = Clock::now();
-    return now - std::exchange(peer.last_sent, now) < BURST && peer.socket->Waiting() < BURST_BYTES;
+    m_send_rate.Count(now, std::exchange(m_notified, 0));
+    const bool is_in_burst =
+        now - std::exchange(peer.last_sent, now) < BURST || m_send_rate.IsHigh(now);
+    return is_in_burst && peer.socket->Waiting() < BURST_BYTES;
 }
 
 void PelmarEndpoint::Impl::WriteSoon(Peer& peer)
@@ -549,6 +636,7 @@ void PelmarEndpoint::Impl::LeaveDirect(const PeerPtr& peer, const PartnerWindow:
             return;
         case Outgoing::Kind::notification:
             head.type = FrameType::notify;
+            ++m_notified;
             WriteFrame(*peer, head, static_cast<OutgoingBody&>(*item).body);
             return;
         case Outgoing::Kind::request: {
@@ -615,7 +703,7 @@ void PelmarEndpoint::Impl::DirectPathEnded(const PeerPtr& peer)
 // What came before the fault has been dealt with, and nothing after it is.
 void PelmarEndpoint::Impl::DirectPathFailed(const PeerPtr& peer, const std::string& fault)
 {
-    if (peer->is_drained)
+    if (peer->is_drained || peer->gone)
         return;
     peer->is_drained = true;
     ReportDirectPath(*peer, fault);

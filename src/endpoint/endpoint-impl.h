@@ -36,6 +36,7 @@
 #include "handshake.h"
 #include "partner-window.h"
 #include "pelmar-endpoint.h"
+#include "send-rate.h"
 
 struct OutgoingBody : Outgoing {
     OutgoingBody(Kind of_kind, Payload of_body)
@@ -308,6 +309,13 @@ private:
     class DirectIdle;
     void PrepareDirectPaths(EventLoop& loop);
     bool MayGoDirect(const Peer& peer) const;
+    GVariant* WordOnDirectPath(const std::string& name);
+    void Invite(const PeerPtr& peer);
+    void InviteNext();
+    void IsThrough(Peer& peer);
+    void TakeInvitation(const PeerPtr& peer);
+    void TryDirectPath(const PeerPtr& peer);
+    bool NeedsWordOnDirectPath(const Peer& peer) const;
     void OpenDirectPath(const PeerPtr& peer);
     void DirectPathAnswered(const PeerPtr& peer, Descriptor socket, GDBusMessage* answer);
     void TakeOpen(GDBusMessage* call);
@@ -332,7 +340,7 @@ private:
     void GoOnReading();
     void PumpDirect(const PeerPtr& peer);
     void FillOutbox(const PeerPtr& peer);
-    static bool IsInBurst(Peer& peer);
+    bool IsInBurst(Peer& peer);
     void WriteSoon(Peer& peer);
     void WriteBursts();
     static bool FlushDirect(Peer& peer);
@@ -434,6 +442,10 @@ private:
     std::vector<std::uint64_t> m_paused;   // those of them that the handlers do not keep up with
     std::set<std::string> m_never_direct;  // whose direct path has failed
     std::vector<char> m_read_buffer;
+    SendRate m_send_rate;
+    int m_notified = 0;                   // and not counted there
+    std::deque<std::string> m_uninvited;  // clients that wait for their turn to open a path
+    std::size_t m_invited = 0;
 
     // Bytes given to GIO, those that the daemon has taken for sure, and up to where it is asked.
     std::uint64_t m_given = 0;
@@ -481,6 +493,10 @@ struct PelmarEndpoint::Impl::Peer {
     bool in_backlog = false;
 
     // The direct path. What is sent takes it as soon as there is a socket.
+    bool has_word = false;  // it has answered whether a path may be opened
+    bool may_open = false;
+    bool waits_for_turn = false;
+    bool is_invited = false;  // and has not opened its path yet
     bool was_opened = false;
     std::optional<std::pair<bus_message::CallId, Descriptor>> opening;  // until it is ready
     std::shared_ptr<DirectSocket> socket;

@@ -25,6 +25,10 @@ constexpr std::size_t DAEMON_WINDOW = 1024UL * 1024;
 
 constexpr milliseconds ASK_LATER{300};
 
+// Frames that may wait for a partner of a direct path when its answers are refused: more than an
+// endpoint with a common window asks for at a time.
+constexpr std::size_t MOST_REFUSALS = 128UL * 1024;
+
 // Strangers that were answered and may come back.
 constexpr std::size_t MOST_IDLE_STRANGERS = 64;
 
@@ -667,7 +671,10 @@ void PelmarEndpoint::Impl::RefuseAnswer(const PeerPtr& peer, const CallOrigin& o
         SendAnswer(refusal);
         return;
     }
-    AnswerDirect(*peer, refusal);
+    if (peer->socket->FramesWaiting() > MOST_REFUSALS)
+        After(milliseconds(0), [this, peer] { DirectPathFailed(peer, "it reads no answers"); });
+    else
+        AnswerDirect(*peer, refusal);
     PumpDirect(peer);
 }
 
@@ -731,7 +738,8 @@ bool PelmarEndpoint::Impl::MayAsk() const
 
 void PelmarEndpoint::Impl::AskForRoom(const PeerPtr& peer)
 {
-    if (peer->socket != nullptr || peer->asking || peer->asks_later || !peer->window.WantsWord())
+    if (peer->socket != nullptr || peer->asking || peer->asks_later ||
+        (!peer->window.WantsWord() && !NeedsWordOnDirectPath(*peer)))
         return;
     if (peer->is_unaskable) {
         // What the daemon has taken is all that can be known.
@@ -789,6 +797,10 @@ void PelmarEndpoint::Impl::PeerAnswered(const PeerPtr& peer, std::uint64_t posit
                           (is_from_daemon && !error.empty() && error != bus_error::ACCESS_DENIED);
     if (is_from_daemon && error == bus_error::ACCESS_DENIED)
         peer->is_unaskable = true;
+    if (!is_from_daemon && !is_later && !bus_message::IsUnknownPartner(answer)) {
+        peer->has_word = true;
+        peer->may_open = peer->may_open || !bus_message::HasToWait(answer);
+    }
     using Answer = Handshake::Answer;
     if (!m_stopped && !peer->ask_again) {
         const Answer unless_error =
@@ -807,6 +819,7 @@ void PelmarEndpoint::Impl::PeerAnswered(const PeerPtr& peer, std::uint64_t posit
     } else if (!is_from_daemon) {
         peer->window.WordCame(position);
         AfterProgress(peer);
+        TryDirectPath(peer);
     }
     PumpBacklog();
 }

@@ -261,9 +261,11 @@ public:
     void RunHandlersIn(GMainContext* context);
     void RunHandlersIn(std::function<void(std::function<void()>)> executor);
 
-    /// How many bytes may wait for one partner: notifications until it has dealt with them,
-    /// requests until it has answered them. A message costs its size and 512 bytes; one that finds
-    /// no more than a sixteenth of the window in use always fits, whatever its size. Default 8 MiB.
+    /// How many bytes may wait for one partner: notifications until it has dealt with them, or,
+    /// past the bus, until its socket has taken them (what its handlers have not come to waits in
+    /// its intake then), requests until it has answered them. A message costs its size and 512
+    /// bytes; one that finds no more than a sixteenth of the window in use always fits, whatever
+    /// its size. Default 8 MiB.
     void SetWindow(std::size_t bytes);
 
     /// How many bytes of messages may wait for the handlers, from all partners together. Over it a
@@ -290,7 +292,8 @@ public:
     /// Comes onto the bus; returns when it is there or when the bus turned out to be out of reach:
     /// the endpoint goes on trying, and calls OnBusBack when it succeeds. Once: std::logic_error
     /// the second time, and after Stop. std::system_error when the process can have no more threads
-    /// or descriptors; then it may be called again.
+    /// or descriptors; then it may be called again. Not in a child of fork() before exec, where the
+    /// parent has used GIO: GLib's thread is not there, and it would wait for it for ever.
     void Start();
 
     /// Off the channel: no handler runs when it returns, and queued messages are not handed to

@@ -131,6 +131,8 @@ TEST_F(AFrameReader, TellsWhatCannotBeAFrame)
     ExpectFault(FrameOf(HeadOf(FrameType::notify, 0, FrameHead::OF_BUS)), "flags 1");
     ExpectFault(FrameOf(HeadOf(FrameType::request, 1, FrameHead::OF_BUS)), "flags 1");
     ExpectFault(FrameOf(HeadOf(FrameType::answer, 1, 2)), "flags 2");
+    ExpectFault(FrameOf(HeadOf(FrameType::notify, 3)), "serial 3");
+    ExpectFault(FrameOf(HeadOf(FrameType::bye, 4)), "serial 4");
     ExpectFault(FrameOf(HeadOf(static_cast<FrameType>(0))), "type 0");
     ExpectFault(FrameOf(HeadOf(static_cast<FrameType>(9))), "type 9");
     ExpectFault(FrameOf(HeadOf(static_cast<FrameType>(255))), "type 255");

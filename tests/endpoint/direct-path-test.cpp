@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gio/gunixfdlist.h>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -19,6 +20,7 @@
 #include "direct-socket.h"
 #include "endpoint-fixture.h"
 #include "endpoint-process.h"
+#include "process-memory.h"
 
 namespace {
 
@@ -155,6 +157,42 @@ TEST_F(TwoEndpointsOnABusThatForbidsIt, StayOnIt)
     ExpectNoDirectPath();
     EXPECT_THAT(m_client.news.Of("problem "), IsEmpty());
     EXPECT_THAT(m_service.news.Of("problem "), IsEmpty());
+}
+
+// Such a bus drops what is for a connection that has more descriptors to read.
+class ABusThatHoldsFewDescriptors : public testing::Test {
+protected:
+    const TestBus m_bus{"<limit name=\"max_outgoing_unix_fds\">20</limit>"};
+};
+
+TEST_F(ABusThatHoldsFewDescriptors, BringsAllPastItAlsoWhereTheServiceHardlyReads)
+{
+    EndpointProcess service("service", CHANNEL);
+    std::vector<std::unique_ptr<EndpointProcess>> clients;
+    for (int i = 0; i < 40; ++i)
+        clients.push_back(std::make_unique<EndpointProcess>("client", CHANNEL));
+    std::atomic<bool> is_over{false};
+    std::thread hindrance([&] {
+        while (!is_over) {
+            service.Signal(SIGSTOP);
+            std::this_thread::sleep_for(milliseconds(15));
+            service.Signal(SIGCONT);
+            std::this_thread::sleep_for(milliseconds(2));
+        }
+    });
+    for (const auto& client : clients)
+        EXPECT_NO_THROW(client->WaitForLine("ready "));
+    for (const auto& client : clients) {
+        std::string way;
+        for (const auto deadline = In(TEST_DEADLINE);
+             way != "direct" && std::chrono::steady_clock::now() < deadline;) {
+            client->WriteLine("way");
+            way = client->WaitForLine("way ");
+        }
+        EXPECT_EQ("direct", way);
+    }
+    is_over = true;
+    hindrance.join();
 }
 
 TEST_F(TwoEndpoints, MayBeToldAnythingElseInTheEnvironment)
@@ -409,6 +447,7 @@ TEST_F(TwoEndpoints, TellOfRoomAlsoWhereASendingMadeIt)
         }
         m_client.news.Await("room ", round);
     }
+    m_service.endpoint.Stop();  // its handler uses what is here
 }
 
 // ---- The switch-over -----------------------------------------------------------------------
@@ -552,6 +591,44 @@ protected:
         actor.Settle();
     }
 
+    void CountInvitations(const BusActor& actor)
+    {
+        g_dbus_connection_add_filter(actor.Connection(), cb_Filter, &m_invitations, nullptr);
+    }
+    static GDBusMessage* cb_Filter(GDBusConnection* /*connection*/, GDBusMessage* message,
+                                   gboolean incoming, gpointer user_data)
+    {
+        if (incoming != FALSE && g_strcmp0(g_dbus_message_get_member(message), "Invite") == 0)
+            ++*static_cast<std::atomic<std::size_t>*>(user_data);
+        return message;
+    }
+
+    void AwaitInvitations(std::size_t count) const
+    {
+        const auto deadline = In(TEST_DEADLINE);
+        while (m_invitations < count && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(milliseconds(1));
+        EXPECT_LE(count, m_invitations);
+    }
+
+    // What the endpoint answers to the question whether the actor is wired up.
+    bool HasToWait(const BusActor& actor) const
+    {
+        GVariant* answer = g_dbus_connection_call_sync(
+            actor.Connection(), OwnName().c_str(), names::Path(CHANNEL).c_str(),
+            "org.freedesktop.DBus.Properties", "GetAll",
+            g_variant_new("(s)", names::INTERFACE.c_str()), G_VARIANT_TYPE("(a{sv})"),
+            G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
+        GVariant* all = g_variant_get_child_value(answer, 0);
+        gboolean waits = FALSE;
+        g_variant_lookup(all, "Wait", "b", &waits);
+        g_variant_unref(all);
+        g_variant_unref(answer);
+        return waits != FALSE;
+    }
+
+    std::atomic<std::size_t> m_invitations{0};
+
     // Its own end of a path that the endpoint has taken.
     Descriptor OpenPath(BusActor& actor)
     {
@@ -606,15 +683,56 @@ TEST_F(AService, TakesThePathOfAPartnerThatKeepsToTheProtocol)
     Write(socket, FrameOf(FrameType::request, 5, BytesOf("abc")));
     const Bytes expected = FrameOf(FrameType::answer, 5, BytesOf("cba"));
     Bytes came(FrameHead::SIZE + 16 + expected.size());
-    IterateUntil(
-        [&] {
-            return recv(socket.Number(), came.data(), came.size(), MSG_PEEK | MSG_DONTWAIT) ==
-                   static_cast<ssize_t>(came.size());
-        },
-        "the answer");
+    const auto deadline = In(TEST_DEADLINE);
+    while (recv(socket.Number(), came.data(), came.size(), MSG_PEEK | MSG_DONTWAIT) !=
+               static_cast<ssize_t>(came.size()) &&
+           std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(milliseconds(1));
     recv(socket.Number(), came.data(), came.size(), MSG_DONTWAIT);
     EXPECT_EQ(expected,
               Bytes(came.end() - static_cast<std::ptrdiff_t>(expected.size()), came.end()));
+}
+
+// The daemon drops what is for a service that has not read 64 descriptors.
+TEST_F(AService, HasFewOpenAPathAtATime)
+{
+    constexpr std::size_t count = 30;
+    std::vector<std::unique_ptr<BusActor>> actors;
+    for (std::size_t i = 0; i < count; ++i) {
+        actors.push_back(std::make_unique<BusActor>(m_bus));
+        CountInvitations(*actors.back());
+        MakeReady(*actors.back());
+    }
+    std::size_t waiting = 0;
+    for (const auto& actor : actors)
+        waiting += HasToWait(*actor) ? 1 : 0;
+    EXPECT_GT(waiting, 0U);
+    // Nobody opens a path; each gets his turn all the same, and once.
+    AwaitInvitations(waiting);
+    EXPECT_FALSE(HasToWait(*actors.front()));
+    EXPECT_EQ(waiting, m_invitations);
+}
+
+TEST_F(AService, LetsTheNextOpenAPathWhenOneHasDoneSo)
+{
+    std::vector<std::unique_ptr<BusActor>> actors;
+    for (int i = 0; i < 9; ++i) {
+        actors.push_back(std::make_unique<BusActor>(m_bus));
+        MakeReady(*actors.back());
+    }
+    CountInvitations(*actors.back());
+    const auto before = std::chrono::steady_clock::now();
+    std::vector<bool> waits;
+    for (const auto& actor : actors)
+        waits.push_back(HasToWait(*actor));
+    auto [own, theirs] = ConnectedSockets();
+    EXPECT_EQ(1U, Open(*actors.front(), theirs.Number()));
+    AwaitInvitations(waits.back() ? 1 : 0);
+    // Else the time of the first may have been over before.
+    const bool was_quick = std::chrono::steady_clock::now() - before < milliseconds(150);
+    const std::vector<bool> expected = {false, false, false, false, false,
+                                        false, false, false, true};
+    EXPECT_TRUE(!was_quick || waits == expected);
 }
 
 TEST_F(AService, TakesNoPathOfAStrangerOrASecondOne)
@@ -725,6 +843,32 @@ TEST_F(AService, EndsThePathWhoseOtherEndWasClosed)
     ExpectFailure(actor, "closed");
     // It waits for the bus's word for a second.
     EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 2);
+}
+
+TEST_F(AService, EndsThePathOfWhomReadsNoAnswers)
+{
+    BusActor actor(m_bus);
+    const Descriptor socket = OpenPath(actor);
+    Write(socket, Greeting());
+    const ProcessMemory memory(getpid());
+    const std::size_t before = memory.Resident();
+    Bytes requests;
+    for (std::uint32_t i = 0; i < 1000; ++i)
+        requests = requests + FrameOf(FrameType::request, i, {});
+    std::size_t sent = 0;
+    pollfd polled = {socket.Number(), POLLOUT, 0};
+    while (sent < 10000 * requests.size() && poll(&polled, 1, 5000) == 1) {
+        // Where it left off, so that the frames stay whole.
+        const std::size_t at = sent % requests.size();
+        const ssize_t size =
+            send(socket.Number(), requests.data() + at, requests.size() - at, MSG_NOSIGNAL);
+        if (size < 0 && errno != EAGAIN)
+            break;
+        sent += static_cast<std::size_t>(std::max<ssize_t>(size, 0));
+    }
+    m_news.Await("problem the direct path of " + actor.UniqueName());
+    EXPECT_THAT(m_news.Of("problem ").back(), HasSubstr("reads no answers"));
+    EXPECT_TRUE(!MEMORY_IS_MEASURED || memory.Resident() - before < 300 * MIB);
 }
 
 TEST_F(AService, DeliversNoHalfMessage)

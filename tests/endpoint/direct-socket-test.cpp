@@ -48,6 +48,12 @@ Bytes FrameOf(FrameHead head, const Bytes& payload = {})
     return bytes;
 }
 
+Bytes operator+(Bytes left, const Bytes& right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
 struct End {
     explicit End(Descriptor descriptor) : socket(std::move(descriptor), LARGEST)
     {
@@ -57,7 +63,7 @@ struct End {
     void Flush() { EXPECT_TRUE(socket.Flush()); }
     void Notify(std::uint32_t serial, Bytes bytes)
     {
-        socket.Write(HeadOf(FrameType::notify, serial), Shared(std::move(bytes)));
+        socket.Write(HeadOf(FrameType::request, serial), Shared(std::move(bytes)));
         Flush();
     }
     // Everything that has come, but for the greeting; answers about slots leave.
@@ -215,6 +221,21 @@ TEST_F(TwoEnds, GiveUpSlotsThatAreNotUsed)
     EXPECT_THAT(Slots(), testing::ElementsAre(1));
 }
 
+// Both words may have come before the other end reads again.
+TEST_F(TwoEnds, TakeANewSlotRightBehindTheEndOfAnOldOne)
+{
+    HaveASlot(MIB);
+    EXPECT_TRUE(m_one.socket.GiveUpIdleSlots());
+    EXPECT_FALSE(m_one.socket.GiveUpIdleSlots());
+    m_one.Notify(1, Bytes(MIB, 'a'));
+    Exchange();
+    m_one.Notify(2, Bytes(MIB, 'b'));
+    Exchange();
+    EXPECT_EQ(ReadResult::drained, m_other.last);
+    EXPECT_THAT(Slots(), testing::ElementsAre(0, 1));
+    EXPECT_EQ(Bytes(MIB, 'b'), m_other.came.back().payload);
+}
+
 TEST_F(TwoEnds, HaveNoDescriptorsOfTheirSlots)
 {
     const auto open_descriptors = [] {
@@ -315,6 +336,18 @@ protected:
         EXPECT_EQ(0, ftruncate(memory.Number(), static_cast<off_t>(size)));
         EXPECT_EQ(0, fcntl(memory.Number(), F_ADD_SEALS, seals));
         return memory;
+    }
+    // Memory whose word says that it is filled.
+    static Descriptor FilledMemory(std::size_t size)
+    {
+        Descriptor memory = Memory(size);
+        Fill(memory);
+        return memory;
+    }
+    static void Fill(const Descriptor& memory)
+    {
+        const std::uint32_t word = 1;
+        EXPECT_EQ(4, pwrite(memory.Number(), &word, sizeof word, 0));
     }
     void ExpectFault(const std::string& text)
     {
@@ -418,7 +451,7 @@ TEST_F(AHostileEnd, PassesADescriptorWithAMessage)
 TEST_F(AHostileEnd, PassesADescriptorWithTheEndOfASlot)
 {
     Send(FrameOf(HeadOf(FrameType::slot, 0, 1)), {m_socket.Number()});
-    ExpectFault("a descriptor without a slot");
+    ExpectFault("a descriptor that nobody asked for");
 }
 TEST_F(AHostileEnd, PassesADescriptorForEachPartOfASlot)
 {
@@ -434,18 +467,21 @@ TEST_F(AHostileEnd, FillsASlotThatThereIsNot)
 }
 TEST_F(AHostileEnd, FillsASlotThatItHasGivenUp)
 {
-    Send(SlotFrame(1, 4096), {Memory(8192).Number()});
+    Send(SlotFrame(1, 4096), {FilledMemory(8192).Number()});
     Send(FrameOf(HeadOf(FrameType::notify, 0, 1, 100)));
     m_end.Read();
     EXPECT_EQ(1U, m_end.came.size());
     Send(FrameOf(HeadOf(FrameType::slot, 0, 1)));
     Send(FrameOf(HeadOf(FrameType::notify, 0, 1, 100)));
-    ExpectFault("slot 1, which is smaller or unknown");
+    ExpectFault("in slot 1");
 }
 TEST_F(AHostileEnd, SaysThatThereIsMoreInASlotThanItHolds)
 {
-    Send(SlotFrame(1, 4096), {Memory(8192).Number()});
+    const Descriptor memory = FilledMemory(8192);
+    Send(SlotFrame(1, 4096), {memory.Number()});
     Send(FrameOf(HeadOf(FrameType::notify, 0, 1, 4096)));
+    m_end.Read();
+    Fill(memory);
     Send(FrameOf(HeadOf(FrameType::notify, 0, 1, 4097)));
     ExpectFault("a message of 4097 bytes in slot 1");
     EXPECT_EQ(1U, m_end.came.size());
@@ -467,17 +503,29 @@ TEST_F(AHostileEnd, OffersWithoutEndAndReadsNothing)
     EXPECT_THAT(m_end.socket.Fault(), HasSubstr("not read"));
 }
 
+TEST_F(AHostileEnd, SendsWhatIsNotInTheSlot)
+{
+    Send(SlotFrame(1, 4096), {FilledMemory(8192).Number()});
+    Send(FrameOf(HeadOf(FrameType::notify, 0, 1, 100)) +
+         FrameOf(HeadOf(FrameType::notify, 0, 1, 100)));
+    ExpectFault("not filled");
+    EXPECT_EQ(1U, m_end.came.size());
+}
+
 // Its message is what it makes of it, and nobody else's.
 TEST_F(AHostileEnd, ChangesWhatItHasSent)
 {
-    const Descriptor memory = Memory(64 + 4096);
-    Send(SlotFrame(1, 4096), {memory.Number()});
-    Send(FrameOf(HeadOf(FrameType::notify, 0, 1, 4096)));
+    constexpr std::size_t page = 4096;
+    const Descriptor memory = FilledMemory(2 * page);
+    const Bytes text(100, 'x');
+    EXPECT_EQ(100, pwrite(memory.Number(), text.data(), text.size(), page));
+    Send(SlotFrame(1, page), {memory.Number()});
+    Send(FrameOf(HeadOf(FrameType::notify, 0, 1, page)));
     ASSERT_EQ(0,
-              fallocate(memory.Number(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, 64 + 4096));
+              fallocate(memory.Number(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, page, page));
     m_end.Read();
     ASSERT_EQ(1U, m_end.came.size());
-    EXPECT_EQ(Bytes(4096, '\0'), m_end.came[0].payload);
+    EXPECT_EQ(Bytes(page, '\0'), m_end.came[0].payload);
 }
 
 }  // namespace

@@ -149,12 +149,13 @@ AWatchingPelmarctl.ShowsAHandshakeStageByStage()
     watch
     serve
     start_client
+    await watcher "$watcher" "goes past the bus"
     kill -KILL "$client"
     await watcher "$watcher" left
     local stages
     stages=$(awk '{ for (i = 2; i <= NF; i++) if ($i == "service" || $i == "client")
         printf "%s %s,", $i, $(i + 1) }' < <(grep -v 'has answered' "$processes_dir/watcher.out"))
-    [[ $stages == "service SYN,client SYN,service SYN_ACK,client ACK,client left," ]] ||
+    [[ $stages == "service SYN,client SYN,service SYN_ACK,client ACK,client direct,client left," ]] ||
         fail "it shows $stages"
     grep -qE "^[0-9:]{8}\.[0-9]{3} +\+[0-9.]+ +demo +$service_name +service +SYN_ACK +answers :1" \
         "$processes_dir/watcher.out" || fail "the line of the SYN_ACK looks otherwise"
