@@ -29,6 +29,7 @@ constexpr std::size_t OUTBOX_BYTES = 256UL * 1024;
 // long.
 constexpr std::chrono::microseconds BURST{10};
 constexpr std::chrono::microseconds BURST_DELAY{50};
+constexpr std::chrono::microseconds FLOOD_DELAY{500};
 constexpr std::size_t BURST_BYTES = 64UL * 1024;
 
 // Others get their turn after so many reads of one partner.
@@ -459,6 +460,8 @@ void PelmarEndpoint::Impl::TakeDirectMessage(const PeerPtr& peer, Frame frame)
     }
     if (message.is_call)
         ++peer->unanswered;
+    else
+        --m_notified;
     CountIn(*peer, message.cost);
     PauseOrGoOn(*peer);
     Deliver(peer, std::move(message));
@@ -577,7 +580,7 @@ void PelmarEndpoint::Impl::WriteSoon(Peer& peer)
     if (std::exchange(peer.writes_soon, true))
         return;
     if (m_bursts.empty())
-        m_direct_poll->RemindIn(BURST_DELAY);
+        m_direct_poll->RemindIn(m_send_rate.IsHigh(peer.last_sent) ? FLOOD_DELAY : BURST_DELAY);
     m_bursts.push_back(peer.partner->number);
 }
 

@@ -443,7 +443,7 @@ private:
     std::set<std::string> m_never_direct;  // whose direct path has failed
     std::vector<char> m_read_buffer;
     SendRate m_send_rate;
-    int m_notified = 0;                   // and not counted there
+    int m_notified = 0;                   // less those that came, and not counted there
     std::deque<std::string> m_uninvited;  // clients that wait for their turn to open a path
     std::size_t m_invited = 0;
 

@@ -10,9 +10,10 @@ public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
     // So many a second, and those of one moment beside.
-    static constexpr std::chrono::microseconds INTERVAL{10};
+    static constexpr std::chrono::microseconds INTERVAL{25};
     static constexpr int AT_ONCE = 16;
 
+    // Fewer than none when more has come than was sent: who talks to and fro does not flood.
     void Count(TimePoint now, int messages)
     {
         m_due = std::min(std::max(m_due, now) + messages * INTERVAL, now + 2 * AT_ONCE * INTERVAL);
