@@ -5,6 +5,7 @@
 #include <chrono>
 #include <iostream>
 #include <string>
+#include <thread>
 
 #include "pelmar-endpoint.h"
 
@@ -30,6 +31,9 @@ int main()
     }
     std::cout << "the service answers: " << std::string(response.data.begin(), response.data.end())
               << std::endl;
+    // The way past the bus is agreed on once both are ready, and takes a moment.
+    for (int i = 0; i < 100 && !partner->IsDirect(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     std::cout << "they go " << (partner->IsDirect() ? "past the bus" : "by the bus") << std::endl;
     pause();
 }
