@@ -3,12 +3,13 @@
 
 #include <gio/gio.h>
 
-#include <memory>
-
+#include "gdbus-bytes.h"
 #include "on-the-bus.h"
 
 namespace {
 
+using gdbus::HandOver;
+using gdbus::Read;
 using peer::Bytes;
 
 constexpr const char* OBJECT =
@@ -46,25 +47,6 @@ GDBusConnection* OpenBusAs(const peer::Arguments& arguments)
 void Loop()
 {
     g_main_loop_run(g_main_loop_new(nullptr, FALSE));
-}
-
-GVariant* HandOver(Bytes&& data)
-{
-    auto* owned = new Bytes(std::move(data));
-    GVariant* array = g_variant_new_from_data(
-        G_VARIANT_TYPE_BYTESTRING, owned->data(), owned->size(), TRUE,
-        [](gpointer buffer) { delete static_cast<Bytes*>(buffer); }, owned);
-    return g_variant_new_tuple(&array, 1);
-}
-
-Bytes Read(GVariant* parameters)
-{
-    GVariant* array = g_variant_get_child_value(parameters, 0);
-    gsize size = 0;
-    const auto* bytes = static_cast<const char*>(g_variant_get_fixed_array(array, &size, 1));
-    Bytes data(bytes, bytes + size);
-    g_variant_unref(array);
-    return data;
 }
 
 void Reply(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,

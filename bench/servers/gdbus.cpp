@@ -4,10 +4,9 @@
 #include <gio/gio.h>
 #include <glib-unix.h>
 
-#include <memory>
 #include <string_view>
 
-#include "server.h"
+#include "gdbus-bytes.h"
 
 namespace {
 
@@ -17,15 +16,6 @@ constexpr const char* OBJECT =
     "<node><interface name='org.vaska.pelmar.DbusCommunication'><method name='Send'>"
     "<arg type='ay' name='data' direction='in'/><arg type='ay' name='response' direction='out'/>"
     "</method></interface></node>";
-
-GVariant* HandOver(Bytes&& data)
-{
-    auto* owned = new Bytes(std::move(data));
-    GVariant* array = g_variant_new_from_data(
-        G_VARIANT_TYPE_BYTESTRING, owned->data(), owned->size(), TRUE,
-        [](gpointer buffer) { delete static_cast<Bytes*>(buffer); }, owned);
-    return g_variant_new_tuple(&array, 1);
-}
 
 GVariant* Copy(const Bytes& data)
 {
@@ -44,15 +34,11 @@ struct Program {
 void Serve(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
            GVariant* parameters, GDBusMethodInvocation* invocation, gpointer user_data)
 {
-    GVariant* array = g_variant_get_child_value(parameters, 0);
-    gsize size = 0;
-    const auto* bytes = static_cast<const char*>(g_variant_get_fixed_array(array, &size, 1));
-    Bytes data(bytes, bytes + size);
-    g_variant_unref(array);
+    Bytes data = gdbus::Read(parameters);
     Bytes answer = server::Answer(data);
     g_dbus_method_invocation_return_value(invocation, static_cast<Program*>(user_data)->copy
                                                           ? Copy(answer)
-                                                          : HandOver(std::move(answer)));
+                                                          : gdbus::HandOver(std::move(answer)));
 }
 
 gboolean Obey(gint /*descriptor*/, GIOCondition /*condition*/, gpointer user_data)

@@ -142,17 +142,16 @@ bool PelmarEndpoint::Impl::TakeCall(GDBusMessage* call)
         TakeInvitation(FindPeer(g_dbus_message_get_sender(call)));
         return true;
     }
-    if (bus_message::HasMember(call, PROPERTIES, "GetAll") && bus_message::HasBody(call, "(s)") &&
-        bus_message::FirstString(call) == CHANNEL_INTERFACE) {
+    if (!bus_message::HasMember(call, PROPERTIES, "GetAll") || !bus_message::HasBody(call, "(s)"))
+        return false;
+    const std::string interface = bus_message::FirstString(call);
+    if (interface == CHANNEL_INTERFACE)
         TakeQuestion(call);
-        return true;
-    }
-    if (bus_message::HasMember(call, PROPERTIES, "GetAll") && bus_message::HasBody(call, "(s)") &&
-        bus_message::FirstString(call) == DIRECT_PATH_INTERFACE) {
+    else if (interface == DIRECT_PATH_INTERFACE)
         SendNow(bus_message::Answer(bus_message::CallId(call), DirectPartners()).get());
-        return true;
-    }
-    return false;
+    else
+        return false;
+    return true;
 }
 
 // It is answered when all that the partner sent before has been dealt with.

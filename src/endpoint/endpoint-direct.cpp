@@ -152,11 +152,12 @@ void PelmarEndpoint::Impl::Invite(const PeerPtr& peer)
 {
     peer->is_invited = true;
     ++m_invited;
-    const auto is_late = [this, peer] { IsThrough(*peer); };
-    // When the daemon answers, all that it held for this side has come, and nothing of that client.
-    After(INVITATION, [this, peer, is_late] {
-        if (peer->is_invited)
-            CallDaemon("GetId", nullptr, [is_late](GDBusMessage* /*answer*/) { is_late(); });
+    After(INVITATION, [this, peer] {
+        if (!peer->is_invited)
+            return;
+        // When the daemon answers, all that it held for this side has come, and nothing of that
+        // client.
+        CallDaemon("GetId", nullptr, [this, peer](GDBusMessage* /*answer*/) { IsThrough(*peer); });
     });
 }
 
