@@ -4,23 +4,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "direct-frames.h"
+#include "frame-bytes.h"
 
 namespace {
 
 using testing::HasSubstr;
-using Bytes = std::vector<char>;
 
 constexpr std::uint64_t LARGEST = 1000;
-
-Bytes FrameOf(FrameHead head, const Bytes& payload = {})
-{
-    head.size = payload.size();
-    const auto encoded = EncodeHead(head);
-    Bytes bytes(encoded.begin(), encoded.end());
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    return bytes;
-}
 
 FrameHead HeadOf(FrameType type, std::uint32_t serial = 0, std::uint8_t flags = 0)
 {
@@ -29,12 +19,6 @@ FrameHead HeadOf(FrameType type, std::uint32_t serial = 0, std::uint8_t flags = 
     head.serial = serial;
     head.flags = flags;
     return head;
-}
-
-Bytes operator+(Bytes left, const Bytes& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
 }
 
 Bytes Greeting()

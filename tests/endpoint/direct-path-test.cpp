@@ -16,11 +16,12 @@
 #include "bus-monitor.h"
 #include "captured-log.h"
 #include "channel-names.h"
-#include "direct-frames.h"
 #include "direct-socket.h"
 #include "endpoint-fixture.h"
 #include "endpoint-process.h"
+#include "frame-bytes.h"
 #include "process-memory.h"
+#include "process-resources.h"
 
 namespace {
 
@@ -32,32 +33,18 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using Problem = PelmarEndpoint::Problem;
 
-Bytes operator+(Bytes left, const Bytes& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 Bytes Numbered(int number)
 {
     return BytesOf(std::to_string(number));
-}
-
-std::size_t OpenDescriptors()
-{
-    std::size_t count = 0;
-    for (int descriptor = 0; descriptor < 4096; ++descriptor)
-        count += fcntl(descriptor, F_GETFD) >= 0 ? 1 : 0;
-    return count;
 }
 
 // GIO closes those of a message when it has done with it.
 void AwaitDescriptors(std::size_t count)
 {
     const auto deadline = In(TEST_DEADLINE);
-    while (OpenDescriptors() != count && std::chrono::steady_clock::now() < deadline)
+    while (CountOf("fd") != count && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(milliseconds(1));
-    EXPECT_EQ(count, OpenDescriptors());
+    EXPECT_EQ(count, CountOf("fd"));
 }
 
 // ---- Two endpoints -------------------------------------------------------------------------
@@ -335,7 +322,7 @@ TEST_F(TwoEndpoints, CountOneDescriptorAtEachEnd)
 {
     Start();
     AwaitDirectPath();
-    const std::size_t before = OpenDescriptors();
+    const std::size_t before = CountOf("fd");
     {
         EndpointProcess one("client", CHANNEL);
         EndpointProcess two("client", CHANNEL);
@@ -347,7 +334,7 @@ TEST_F(TwoEndpoints, CountOneDescriptorAtEachEnd)
     m_service.news.Await("lost ", 2);
     m_service.endpoint.Stop();
     m_client.endpoint.Stop();
-    EXPECT_LT(OpenDescriptors(), before);
+    EXPECT_LT(CountOf("fd"), before);
 }
 
 TEST_F(TwoEndpoints, AreDirectAgainAfterTheBusCameBack)
@@ -648,11 +635,7 @@ protected:
         FrameHead head;
         head.type = type;
         head.serial = serial;
-        head.size = payload.size();
-        const auto encoded = EncodeHead(head);
-        Bytes bytes(encoded.begin(), encoded.end());
-        bytes.insert(bytes.end(), payload.begin(), payload.end());
-        return bytes;
+        return ::FrameOf(head, payload);
     }
     static Bytes Greeting() { return FrameOf(FrameType::hello, 0, EncodeHello({1, 1000000})); }
 
@@ -750,7 +733,7 @@ TEST_F(AService, TakesNothingButAConnectedStream)
 {
     BusActor partner(m_bus);
     MakeReady(partner);
-    const std::size_t before = OpenDescriptors();
+    const std::size_t before = CountOf("fd");
     std::vector<Descriptor> odd;
     odd.emplace_back(open("/dev/zero", O_RDWR));
     odd.emplace_back(open("/", O_RDONLY | O_DIRECTORY));
@@ -792,7 +775,7 @@ TEST_F(AService, EndsThePathOfWhomItDoesNotUnderstand)
         {Greeting() + Bytes(16, '\x7f'), "unknown frame type 127"},
         {Greeting() + FrameOf(FrameType::taken, 0, {'x'}), "slot 0 of frame type 8"},
     };
-    const std::size_t before = OpenDescriptors();
+    const std::size_t before = CountOf("fd");
     for (const auto& [bytes, fault] : faults) {
         BusActor actor(m_bus);
         const Descriptor socket = OpenPath(actor);

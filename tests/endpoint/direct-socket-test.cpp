@@ -6,16 +6,16 @@
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "direct-socket.h"
+#include "frame-bytes.h"
+#include "process-resources.h"
 
 namespace {
 
 using testing::HasSubstr;
-using Bytes = std::vector<char>;
 using ReadResult = DirectSocket::ReadResult;
 
 constexpr std::size_t KIB = 1024;
@@ -36,22 +36,6 @@ FrameHead HeadOf(FrameType type, std::uint32_t serial = 0, std::uint16_t slot = 
     head.slot = slot;
     head.size = size;
     return head;
-}
-
-Bytes FrameOf(FrameHead head, const Bytes& payload = {})
-{
-    if (!head.IsInSlot())
-        head.size = payload.size();
-    const auto encoded = EncodeHead(head);
-    Bytes bytes(encoded.begin(), encoded.end());
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    return bytes;
-}
-
-Bytes operator+(Bytes left, const Bytes& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
 }
 
 struct End {
@@ -238,35 +222,11 @@ TEST_F(TwoEnds, TakeANewSlotRightBehindTheEndOfAnOldOne)
 
 TEST_F(TwoEnds, HaveNoDescriptorsOfTheirSlots)
 {
-    const auto open_descriptors = [] {
-        int count = 0;
-        for (int descriptor = 0; descriptor < 256; ++descriptor)
-            count += fcntl(descriptor, F_GETFD) >= 0 ? 1 : 0;
-        return count;
-    };
-    const int before = open_descriptors();
+    const std::size_t before = CountOf("fd");
     HaveASlot(MIB);
     HaveASlot(2 * MIB);
-    EXPECT_EQ(before, open_descriptors());
+    EXPECT_EQ(before, CountOf("fd"));
 }
-
-// As few descriptors as are in use.
-class NoDescriptors {
-public:
-    NoDescriptors()
-    {
-        getrlimit(RLIMIT_NOFILE, &m_before);
-        rlimit none = m_before;
-        none.rlim_cur = 0;
-        setrlimit(RLIMIT_NOFILE, &none);
-    }
-    ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &m_before); }
-    NoDescriptors(const NoDescriptors&) = delete;
-    NoDescriptors& operator=(const NoDescriptors&) = delete;
-
-private:
-    rlimit m_before{};
-};
 
 TEST_F(TwoEnds, WriteInlineWhereTheSenderHasNoDescriptorLeft)
 {
