@@ -229,15 +229,8 @@ std::string HandlersTable(const json& results)
 
 std::string RequestInstructionsTable(const json& results)
 {
-    const json& counts = results.at("request-instructions");
     return "### Instructions for one Request past the bus daemon\n\n" +
-           ServerTable(
-               "End", NumericKeys(counts.begin().value()), SizeText,
-               [&](const std::string& end, const std::string& size) {
-                   return Find(counts, {end, size});
-               },
-               [](const json& count) { return std::to_string(count.get<long>()); },
-               {"server", "client"});
+           CountsTable("End", results.at("request-instructions"), {"server", "client"});
 }
 
 void WritePeerPlotData(const json& results, const std::string& folder)

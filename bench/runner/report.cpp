@@ -295,14 +295,8 @@ std::string ProfileTables(const json& results)
 
 std::string InstructionTable(const json& results)
 {
-    const json& counts = results.at("instructions");
     return "### Instructions of the server for one Send\n\n" +
-           ServerTable(
-               "Server", NumericKeys(counts.begin().value()), SizeText,
-               [&](const std::string& server, const std::string& size) {
-                   return Find(counts, {server, size});
-               },
-               [](const json& count) { return std::to_string(count.get<long>()); }, SERVERS);
+           CountsTable("Server", results.at("instructions"), SERVERS);
 }
 
 std::string NotificationTables(const json& results)

@@ -115,6 +115,17 @@ std::string ServerTable(
     return table.Text();
 }
 
+std::string CountsTable(const std::string& corner, const json& counts,
+                        const std::vector<std::string>& servers)
+{
+    return ServerTable(
+        corner, NumericKeys(counts.begin().value()), SizeText,
+        [&](const std::string& server, const std::string& size) {
+            return Find(counts, {server, size});
+        },
+        [](const json& count) { return std::to_string(count.get<long>()); }, servers);
+}
+
 std::string MedianText(const json& rounds)
 {
     return Short(statistics::Median(rounds.get<Rounds>()));

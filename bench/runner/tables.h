@@ -51,6 +51,10 @@ std::string ServerTable(const std::string& corner, const std::vector<std::string
                         const std::function<std::string(const nlohmann::json&)>& text,
                         const std::vector<std::string>& servers);
 
+/// The same of counts by server and by size in bytes.
+std::string CountsTable(const std::string& corner, const nlohmann::json& counts,
+                        const std::vector<std::string>& servers);
+
 std::string MedianText(const nlohmann::json& rounds);
 std::string NumberText(const nlohmann::json& number);
 
