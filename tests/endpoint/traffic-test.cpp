@@ -524,11 +524,11 @@ TEST_F(ARequest, LosesThePartnerWhoseProcessIsKilledWhileItAnswers)
     m_news.Await("ready");
     const Partner peer = m_endpoint->Partners().front();
     partner.Signal(SIGSTOP);
-    auto waiting =
-        std::async(std::launch::async, [&] { return m_endpoint->Request(peer, {}, LONG); });
-    Settle(m_partner);
+    std::promise<Response> promise;
+    m_endpoint->Request(peer, {}, LONG,
+                        [&](Response came) { promise.set_value(std::move(came)); });
     partner.Kill();
-    EXPECT_EQ(Status::partner_lost, waiting.get().status);
+    EXPECT_EQ(Status::partner_lost, promise.get_future().get().status);
     m_news.Await("lost " + peer.Name());
 }
 
