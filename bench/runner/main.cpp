@@ -102,7 +102,16 @@ bool IsWanted(const Options& options, const std::string& workload)
            std::find(options.only.begin(), options.only.end(), workload) != options.only.end();
 }
 
-nlohmann::json Run(const Options& options)
+// After each workload, so that a run that is cut short has not been for nothing.
+void Save(const Options& options, const nlohmann::json& results)
+{
+    std::ofstream file(options.json);
+    file << results.dump() << "\n";
+    if (!file.flush())
+        throw std::runtime_error("cannot write '" + options.json + "'");
+}
+
+void Run(const Options& options)
 {
     // The log is hidden, as in production.
     unsetenv("G_MESSAGES_DEBUG");
@@ -111,6 +120,7 @@ nlohmann::json Run(const Options& options)
     nlohmann::json results = {{"date", Today()},
                               {"effort", options.effort},
                               {"machine", DescribeMachine(processor, precedence)}};
+    Save(options, results);
     const Effort effort = EffortOf(options);
     for (const Workload& workload : Workloads()) {
         if (!IsWanted(options, workload.name))
@@ -120,13 +130,14 @@ nlohmann::json Run(const Options& options)
         nlohmann::json figures = workload.measure(bus, effort);
         if (!figures.is_null())
             results[workload.name] = std::move(figures);
+        Save(options, results);
     }
     if (!options.library.empty())
         results["library_bytes"] = std::filesystem::file_size(options.library);
     if (!options.parts.empty())
         results["parts"] = nlohmann::json::parse(std::ifstream(options.parts)).at("benchmarks");
     results["machine"]["load_after"] = LoadAverage();
-    return results;
+    Save(options, results);
 }
 
 std::string ListOfWorkloads()
@@ -172,10 +183,7 @@ int RunCommandLine(int argc, char** argv)
     app.add_option("--processor", options.processor, "the processor to use; the last one if unset");
     app.footer(ListOfWorkloads());
     CLI11_PARSE(app, argc, argv);
-    std::ofstream file(options.json);
-    if (!file)
-        throw std::runtime_error("cannot write '" + options.json + "'");
-    file << Run(options).dump() << "\n";
+    Run(options);
     return 0;
 }
 
