@@ -14,8 +14,15 @@ namespace {
 // How much is read at a time.
 constexpr std::size_t READ_SIZE = 256UL * 1024;
 
-// Frames that are written at a time, a head and a payload each.
-constexpr std::size_t MOST_FRAMES = 128;
+// Small messages are copied behind one another, so that the kernel has few pieces to put together.
+constexpr std::size_t SMALL = 4096;
+constexpr std::size_t COLLECTED_BYTES = 64UL * 1024;
+
+// Items that are written at a time.
+constexpr std::size_t MOST_ITEMS = 16;
+
+// What is kept of an item that has left.
+constexpr std::size_t MOST_SPARE = 1024;
 
 // Room for one descriptor beside the bytes.
 struct OneDescriptor {
@@ -55,14 +62,41 @@ void DirectSocket::Shutdown()
 
 // ---- Out -----------------------------------------------------------------------------------
 
-void DirectSocket::Write(FrameHead head, Payload payload)
+void DirectSocket::Write(FrameHead head, Payload payload, std::uint64_t mark)
 {
     head.size = payload != nullptr ? payload->size() : 0;
     if (OwnSlots::IsLarge(head.size) && FillSlot(head, payload))
         payload.reset();
-    m_waiting.push_back({EncodeHead(head), std::move(payload), Descriptor(), /*is_own=*/false});
-    m_waiting_bytes += m_waiting.back().Size();
+    Item& item = ItemFor(payload != nullptr ? payload->size() : 0);
+    Append(item, head, std::move(payload));
+    item.mark = mark;
+    ++item.frames;
     ++m_frames_waiting;
+}
+
+// The last that waits, or a new one.
+DirectSocket::Item& DirectSocket::ItemFor(std::size_t size)
+{
+    const bool fits = !m_waiting.empty() && m_waiting.back().frames != 0 &&
+                      m_waiting.back().payload == nullptr &&
+                      m_waiting.back().bytes.size() + FrameHead::SIZE + size <= COLLECTED_BYTES;
+    if (!fits) {
+        m_waiting.emplace_back();
+        m_waiting.back().bytes = std::exchange(m_spare, {});
+    }
+    return m_waiting.back();
+}
+
+void DirectSocket::Append(Item& item, const FrameHead& head, Payload payload)
+{
+    const std::size_t before = item.Size();
+    const auto bytes = EncodeHead(head);
+    item.bytes.insert(item.bytes.end(), bytes.begin(), bytes.end());
+    if (payload != nullptr && payload->size() <= SMALL)
+        item.bytes.insert(item.bytes.end(), payload->begin(), payload->end());
+    else
+        item.payload = std::move(payload);
+    m_waiting_bytes += item.Size() - before;
 }
 
 // The first large message goes inline, and makes that the next need not.
@@ -77,17 +111,16 @@ bool DirectSocket::FillSlot(FrameHead& head, const Payload& payload)
     return false;
 }
 
-void DirectSocket::WriteOwn(FrameType type, std::uint16_t slot, std::vector<char> payload,
+void DirectSocket::WriteOwn(FrameType type, std::uint16_t slot, const std::vector<char>& payload,
                             Descriptor memory)
 {
     FrameHead head;
     head.type = type;
     head.slot = slot;
     head.size = payload.size();
-    m_waiting.push_back({EncodeHead(head),
-                         std::make_shared<const std::vector<char>>(std::move(payload)),
-                         std::move(memory), /*is_own=*/true});
-    m_waiting_bytes += m_waiting.back().Size();
+    m_waiting.emplace_back();
+    Append(m_waiting.back(), head, std::make_shared<const std::vector<char>>(payload));
+    m_waiting.back().memory = std::move(memory);
     ++m_own_waiting;
 }
 
@@ -100,37 +133,38 @@ bool DirectSocket::GiveUpIdleSlots()
 
 bool DirectSocket::Flush()
 {
-    while (!m_waiting.empty()) {
+    while (!m_waiting.empty() && !m_is_full) {
         const bool has_memory = m_waiting.front().memory.IsOpen();
         const ssize_t written = has_memory ? SendMemory(m_waiting.front()) : SendMany();
+        m_is_full = written < 0 && errno == EAGAIN;
         if (written >= 0)
             Written(static_cast<std::size_t>(written));
         else if (has_memory && errno == ETOOMANYREFS)
             TakeBackOffer();
-        else
-            return errno == EAGAIN || errno == EINTR || errno == ENOBUFS || errno == ENOMEM;
+        else if (!m_is_full)
+            return errno == EINTR || errno == ENOBUFS || errno == ENOMEM;
     }
     return true;
 }
 
 ssize_t DirectSocket::SendMany()
 {
-    std::array<iovec, 2 * MOST_FRAMES> parts{};
+    std::array<iovec, 2 * MOST_ITEMS> parts{};
     std::size_t count = 0;
     std::size_t skip = m_written;
-    const auto add = [&](const char* data, std::size_t size) {
-        const std::size_t skipped = std::min(skip, size);
+    const auto add = [&](const std::vector<char>& bytes) {
+        const std::size_t skipped = std::min(skip, bytes.size());
         skip -= skipped;
-        if (size != skipped)
-            parts[count++] = {const_cast<char*>(data) + skipped, size - skipped};
+        if (bytes.size() != skipped)
+            parts[count++] = {const_cast<char*>(bytes.data()) + skipped, bytes.size() - skipped};
     };
-    for (std::size_t i = 0; i < m_waiting.size() && i < MOST_FRAMES; ++i) {
+    for (std::size_t i = 0; i < m_waiting.size() && i < MOST_ITEMS; ++i) {
         const Item& item = m_waiting[i];
         if (item.memory.IsOpen())
             break;
-        add(item.head.data(), item.head.size());
+        add(item.bytes);
         if (item.payload != nullptr)
-            add(item.payload->data(), item.payload->size());
+            add(*item.payload);
     }
     msghdr message{};
     message.msg_iov = parts.data();
@@ -142,13 +176,11 @@ ssize_t DirectSocket::SendMany()
 // whole or not at all.
 ssize_t DirectSocket::SendMemory(const Item& item) const
 {
-    std::array<iovec, 2> parts = {
-        iovec{const_cast<char*>(item.head.data()), item.head.size()},
-        iovec{const_cast<char*>(item.payload->data()), item.payload->size()}};
+    iovec part = {const_cast<char*>(item.bytes.data()), item.bytes.size()};
     OneDescriptor control;
     msghdr message{};
-    message.msg_iov = parts.data();
-    message.msg_iovlen = parts.size();
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
     message.msg_control = control.bytes.data();
     message.msg_controllen = control.bytes.size();
     cmsghdr* header = CMSG_FIRSTHDR(&message);
@@ -173,9 +205,23 @@ void DirectSocket::Written(std::size_t size)
     m_written += size;
     while (!m_waiting.empty() && m_written >= m_waiting.front().Size()) {
         m_written -= m_waiting.front().Size();
-        --(m_waiting.front().is_own ? m_own_waiting : m_frames_waiting);
-        m_waiting.pop_front();
+        PopFirst();
     }
+}
+
+void DirectSocket::PopFirst()
+{
+    Item& first = m_waiting.front();
+    if (first.frames != 0)
+        m_taken = first.mark;
+    else
+        --m_own_waiting;
+    m_frames_waiting -= first.frames;
+    if (first.bytes.capacity() <= MOST_SPARE) {
+        m_spare = std::move(first.bytes);
+        m_spare.clear();
+    }
+    m_waiting.pop_front();
 }
 
 // ---- In ------------------------------------------------------------------------------------

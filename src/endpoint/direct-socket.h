@@ -3,7 +3,6 @@
 #ifndef PELMAR_DIRECT_SOCKET_H
 #define PELMAR_DIRECT_SOCKET_H
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -43,13 +42,16 @@ public:
     void Shutdown();
 
     // The frame leaves with Flush, after those before it. `payload` may be null. A large message
-    // goes by a slot where one is free.
-    void Write(FrameHead head, Payload payload);
+    // goes by a slot where one is free. Marks are the caller's, and never fall.
+    void Write(FrameHead head, Payload payload, std::uint64_t mark);
 
-    // As much as the socket takes. False when it takes nothing any more.
+    // As much as the socket takes; nothing while it is known to be full. False when it takes
+    // nothing any more.
     bool Flush();
+    void HasRoom() { m_is_full = false; }  // as the poll tells
     std::size_t Waiting() const { return m_waiting_bytes; }
     std::size_t FramesWaiting() const { return m_frames_waiting; }  // of those given to Write
+    std::uint64_t Taken() const { return m_taken; }                 // up to this mark nothing waits
 
     // more: there may be much more; some: there may be; drained: nothing came.
     enum class ReadResult { more, some, drained, ended, at_fault };
@@ -66,23 +68,28 @@ public:
     bool HasSlots() const { return !m_own_slots.IsEmpty(); }
 
 private:
+    // Frames, of which the last may have its bytes elsewhere.
     struct Item {
-        std::array<char, FrameHead::SIZE> head;
+        std::vector<char> bytes;
         Payload payload;
-        Descriptor memory;  // leaves with it
-        bool is_own;        // and not given to Write
+        Descriptor memory;       // leaves with it
+        std::size_t frames = 0;  // that were given to Write
+        std::uint64_t mark = 0;  // of the last of them
         std::size_t Size() const
         {
-            return head.size() + (payload != nullptr ? payload->size() : 0);
+            return bytes.size() + (payload != nullptr ? payload->size() : 0);
         }
     };
     bool FillSlot(FrameHead& head, const Payload& payload);
-    void WriteOwn(FrameType type, std::uint16_t slot, std::vector<char> payload,
+    void WriteOwn(FrameType type, std::uint16_t slot, const std::vector<char>& payload,
                   Descriptor memory = Descriptor());
+    Item& ItemFor(std::size_t size);
+    void Append(Item& item, const FrameHead& head, Payload payload);
     ssize_t SendMany();
     ssize_t SendMemory(const Item& item) const;
     void TakeBackOffer();
     void Written(std::size_t size);
+    void PopFirst();
     ssize_t Receive(std::vector<char>& buffer);
     bool TakeIn(Frame& frame);
     bool TakeSlot(const Frame& frame);
@@ -97,10 +104,13 @@ private:
     bool m_memory_missed = false;  // there was no room for it
     std::vector<Frame> m_read;
     std::deque<Item> m_waiting;
+    std::vector<char> m_spare;  // for the bytes of the next item
     std::size_t m_frames_waiting = 0;
     std::size_t m_own_waiting = 0;
     std::size_t m_waiting_bytes = 0;
     std::size_t m_written = 0;  // of the first that waits
+    std::uint64_t m_taken = 0;
+    bool m_is_full = false;
 };
 
 #endif

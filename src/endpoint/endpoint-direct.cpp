@@ -22,8 +22,10 @@ using std::chrono::milliseconds;
 constexpr guint32 DIRECT_VERSION = 1;
 constexpr guint32 NOT_NOW = 0;
 
-// What waits beyond the socket's own buffer; the rest waits in the partner's window.
+// What waits beyond the socket's own buffer; the rest waits in the partner's window, where a
+// request can still be taken back.
 constexpr std::size_t OUTBOX_BYTES = 256UL * 1024;
+constexpr std::size_t OUTBOX_BYTES_FOR_NOTIFICATIONS = 1024UL * 1024;
 
 // What is sent so soon after the last is written with what follows it, up to so much and after so
 // long.
@@ -339,6 +341,7 @@ void PelmarEndpoint::Impl::TakeEvents(const DirectPoll::Events& events)
         if (may_read && !peer->has_reader)
             ReadDirect(peer, READS_AT_A_TIME);
         if (may_write && peer->socket != nullptr) {
+            peer->socket->HasRoom();
             FlushDirect(*peer);
             AfterProgress(peer);
         }
@@ -538,15 +541,31 @@ std::size_t PelmarEndpoint::Impl::LargestFor(const Peer& peer) const
     return peer.partner->direct ? peer.largest : MAX_BUS_MESSAGE_BYTES;
 }
 
+// What leaves at once needs no place among what waits.
+bool PelmarEndpoint::Impl::NotifyDirect(Peer& peer, const Payload& body)
+{
+    if (peer.socket == nullptr || peer.socket->Waiting() >= OUTBOX_BYTES_FOR_NOTIFICATIONS ||
+        !peer.window.Pass(body->size() + MESSAGE_OVERHEAD))
+        return false;
+    WriteNotification(peer, body);
+    return true;
+}
+
+void PelmarEndpoint::Impl::WriteNotification(Peer& peer, Payload body)
+{
+    FrameHead head;
+    head.type = FrameType::notify;
+    ++m_notified;
+    WriteFrame(peer, head, std::move(body));
+}
+
 void PelmarEndpoint::Impl::PumpDirect(const PeerPtr& peer)
 {
     bool takes = true;
     do {
         FillOutbox(peer);
-        if (peer->socket->Waiting() != 0 && IsInBurst(*peer)) {
-            WriteSoon(*peer);
+        if (IsCollecting(*peer))
             return;
-        }
         takes = FlushDirect(*peer);
     } while (takes && peer->window.HasWaiting() && peer->socket->Waiting() < OUTBOX_BYTES);
     if (!takes)
@@ -567,19 +586,25 @@ void PelmarEndpoint::Impl::FillOutbox(const PeerPtr& peer)
 }
 
 // One message right after another, to one or to many: they are written together.
+bool PelmarEndpoint::Impl::IsCollecting(Peer& peer)
+{
+    if (peer.socket->Waiting() == 0 || peer.socket->Waiting() >= BURST_BYTES)
+        return false;
+    if (!peer.writes_soon && IsInBurst(peer))
+        WriteSoon(peer);
+    return peer.writes_soon;
+}
+
 bool PelmarEndpoint::Impl::IsInBurst(Peer& peer)
 {
     const auto now = Clock::now();
     m_send_rate.Count(now, std::exchange(m_notified, 0));
-    const bool is_in_burst =
-        now - std::exchange(peer.last_sent, now) < BURST || m_send_rate.IsHigh(now);
-    return is_in_burst && peer.socket->Waiting() < BURST_BYTES;
+    return now - std::exchange(peer.last_sent, now) < BURST || m_send_rate.IsHigh(now);
 }
 
 void PelmarEndpoint::Impl::WriteSoon(Peer& peer)
 {
-    if (std::exchange(peer.writes_soon, true))
-        return;
+    peer.writes_soon = true;
     if (m_bursts.empty())
         m_direct_poll->RemindIn(m_send_rate.IsHigh(peer.last_sent) ? FLOOD_DELAY : BURST_DELAY);
     m_bursts.push_back(peer.partner->number);
@@ -602,17 +627,13 @@ void PelmarEndpoint::Impl::WriteBursts()
 bool PelmarEndpoint::Impl::FlushDirect(Peer& peer)
 {
     const bool takes = peer.socket->Flush();
-    while (peer.written.size() > peer.socket->FramesWaiting()) {
-        peer.window.DealtWith(peer.written.front());
-        peer.written.pop_front();
-    }
+    peer.window.DealtWith(peer.socket->Taken());
     return takes;
 }
 
 void PelmarEndpoint::Impl::WriteFrame(Peer& peer, const FrameHead& head, Payload payload)
 {
-    peer.socket->Write(head, std::move(payload));
-    peer.written.push_back(peer.window.Position());
+    peer.socket->Write(head, std::move(payload), peer.window.Position());
     if (peer.socket->HasSlots() && !std::exchange(peer.gives_up_slots, true))
         GiveUpIdleSlots(peer.partner->number);
 }
@@ -639,9 +660,7 @@ void PelmarEndpoint::Impl::LeaveDirect(const PeerPtr& peer, const PartnerWindow:
             AnswerDirect(*peer, static_cast<OutgoingAnswer&>(*item));
             return;
         case Outgoing::Kind::notification:
-            head.type = FrameType::notify;
-            ++m_notified;
-            WriteFrame(*peer, head, static_cast<OutgoingBody&>(*item).body);
+            WriteNotification(*peer, static_cast<OutgoingBody&>(*item).body);
             return;
         case Outgoing::Kind::request: {
             const auto request = std::static_pointer_cast<OpenRequest>(item);
@@ -682,8 +701,8 @@ bool PelmarEndpoint::Impl::IsWritingDirect() const
 void PelmarEndpoint::Impl::SayBye()
 {
     for (const auto& entry : m_direct_peers) {
-        entry.second->socket->Write(FrameHead(), nullptr);
-        entry.second->socket->Flush();
+        WriteFrame(*entry.second, FrameHead(), nullptr);
+        FlushDirect(*entry.second);
     }
 }
 

@@ -180,6 +180,7 @@ private:
     static void cb_Connected(GObject* source, GAsyncResult* result, gpointer user_data);
     void ConnectionMade(Connection connection);
     void ConnectionFailed(const std::string& reason);
+    void ConnectLater();
     static void cb_Closed(GDBusConnection* connection, gboolean by_peer, GError* error,
                           gpointer user_data);
     void ConnectionClosed();
@@ -277,7 +278,8 @@ private:
     PeerPtr FindPeer(const Partner& partner) const;
     PeerPtr FindPeer(const std::string& name) const;
     PeerPtr PeerNamed(const std::string& name);
-    Status Admit(const Partner& partner, std::size_t size, PeerPtr& peer) const;
+    Status Admit(const PeerPtr& peer, std::size_t size) const;
+    Status NotifyPeer(const PeerPtr& peer, const Payload& body);
     RequestPtr OpenNewRequest(const Partner& partner, Bytes data, Status& status);
     std::size_t LargestFor(const Peer& peer) const;
     void AwaitAnswer(Lock& lock, const PeerPtr& peer, const OpenRequest& request,
@@ -338,8 +340,11 @@ private:
     RequestPtr FindRequest(Peer& peer, const FrameHead& answer);
     void PauseOrGoOn(Peer& peer);
     void GoOnReading();
+    bool NotifyDirect(Peer& peer, const Payload& body);
+    void WriteNotification(Peer& peer, Payload body);
     void PumpDirect(const PeerPtr& peer);
     void FillOutbox(const PeerPtr& peer);
+    bool IsCollecting(Peer& peer);
     bool IsInBurst(Peer& peer);
     void WriteSoon(Peer& peer);
     void WriteBursts();
@@ -379,7 +384,6 @@ private:
     // Owned by the loop's thread.
     GObjectPtr<GCancellable> m_connecting;
     std::unique_ptr<LoopTimer> m_connect_timer;
-    std::chrono::milliseconds m_reconnect_delay;
     Clock::time_point m_off_bus_since;
     guint m_filter = 0;
     guint m_object = 0;
@@ -500,7 +504,6 @@ struct PelmarEndpoint::Impl::Peer {
     bool was_opened = false;
     std::optional<std::pair<bus_message::CallId, Descriptor>> opening;  // until it is ready
     std::shared_ptr<DirectSocket> socket;
-    std::deque<std::uint64_t> written;  // the position of each frame that the socket has not taken
     Deadlines::TimePoint last_sent;
     bool writes_soon = false;
     bool gives_up_slots = false;

@@ -11,6 +11,7 @@
 
 #include "endpoint-impl.h"
 #include "endpoint-tasks.h"
+#include "reconnect-delay.h"
 
 #define PELMAR_LOG_FILE "endpoint-life.cpp"
 #include "log-lines.h"
@@ -18,9 +19,6 @@
 namespace {
 
 using std::chrono::milliseconds;
-
-constexpr milliseconds FIRST_RECONNECT{50};
-constexpr milliseconds LARGEST_RECONNECT{1000};
 
 // A daemon that is restarted is back within this as a rule; then nobody has to do anything.
 constexpr milliseconds UNREMARKABLE_ABSENCE{1000};
@@ -87,7 +85,6 @@ PelmarEndpoint::Impl::Impl(Role role, const std::string& channel)
       m_own_names(StageNamesOf(channel, ChannelRoleOf(role))),
       m_peer_names(StageNamesOf(channel, OtherRole(ChannelRoleOf(role)))),
       m_object_path(ObjectPathOf(channel)),
-      m_reconnect_delay(FIRST_RECONNECT),
       m_random(std::random_device{}())
 {
 }
@@ -204,10 +201,15 @@ void PelmarEndpoint::Impl::ConnectionFailed(const std::string& reason)
                    "the bus cannot be reached" +
                        (m_settings.address.empty() ? "" : " at " + m_settings.address) + " (" +
                        reason + "): is its daemon running, and the address right?");
-        After(m_reconnect_delay, [this] { m_loop->Post([this] { Connect(); }); });
-        m_reconnect_delay = std::min(LARGEST_RECONNECT, m_reconnect_delay * 2);
+        ConnectLater();
     }
     m_changed.notify_all();
+}
+
+void PelmarEndpoint::Impl::ConnectLater()
+{
+    const auto absence = std::chrono::duration_cast<milliseconds>(Clock::now() - m_off_bus_since);
+    After(ReconnectDelayAfter(absence), [this] { m_loop->Post([this] { Connect(); }); });
 }
 
 void PelmarEndpoint::Impl::ConnectionMade(Connection connection)
@@ -232,7 +234,6 @@ void PelmarEndpoint::Impl::ConnectionMade(Connection connection)
     ++m_session;
     if (m_stopped)
         return;
-    m_reconnect_delay = FIRST_RECONNECT;
     ReportOver(Problem::bus_unreachable);
     m_handshake.emplace(ChannelRoleOf(m_role));
     for (const Stage stage : ALL_STAGES) {
@@ -282,7 +283,7 @@ void PelmarEndpoint::Impl::ConnectionClosed()
         m_off_bus_since = Clock::now();
         m_first_try_over = true;
         m_changed.notify_all();
-        After(m_reconnect_delay, [this] { m_loop->Post([this] { Connect(); }); });
+        ConnectLater();
     }
     ReleaseConnection();
     if (m_settings.exit_when_bus_dies)

@@ -411,14 +411,13 @@ void PelmarEndpoint::Impl::ForgetIdleStrangers()
 
 // ---- Out -----------------------------------------------------------------------------------
 
-PelmarEndpoint::Status PelmarEndpoint::Impl::Admit(const Partner& partner, std::size_t size,
-                                                   PeerPtr& peer) const
+// `peer` is null for whoever is none.
+PelmarEndpoint::Status PelmarEndpoint::Impl::Admit(const PeerPtr& peer, std::size_t size) const
 {
     if (m_stopped)
         return Status::stopped;
     if (m_connection == nullptr)
         return Status::bus_gone;
-    peer = FindPeer(partner);
     if (peer == nullptr)
         return Status::no_such_partner;
     if (!peer->partner->ready)
@@ -428,14 +427,36 @@ PelmarEndpoint::Status PelmarEndpoint::Impl::Admit(const Partner& partner, std::
 
 PelmarEndpoint::Status PelmarEndpoint::Impl::Notify(const Partner& partner, Bytes data)
 {
-    auto notification = std::make_shared<OutgoingBody>(
-        Outgoing::Kind::notification, std::make_shared<const Bytes>(std::move(data)));
+    const auto body = std::make_shared<const Bytes>(std::move(data));
     const Lock lock(m_mutex);
-    PeerPtr peer;
-    const Status status = Admit(partner, notification->body->size(), peer);
+    return NotifyPeer(FindPeer(partner), body);
+}
+
+// Nobody is lost by being sent something: that is told later.
+PelmarEndpoint::Broadcast PelmarEndpoint::Impl::NotifyAll(Bytes data)
+{
+    const auto body = std::make_shared<const Bytes>(std::move(data));
+    Broadcast broadcast;
+    const Lock lock(m_mutex);
+    for (const PeerPtr& peer : m_ready) {
+        const Status status = NotifyPeer(peer, body);
+        if (status == Status::ok)
+            ++broadcast.sent;
+        else
+            broadcast.missed.push_back({Partner(peer->partner), status});
+    }
+    return broadcast;
+}
+
+PelmarEndpoint::Status PelmarEndpoint::Impl::NotifyPeer(const PeerPtr& peer, const Payload& body)
+{
+    const Status status = Admit(peer, body->size());
     if (status != Status::ok)
         return status;
-    if (!peer->window.Take(std::move(notification))) {
+    const bool is_taken =
+        NotifyDirect(*peer, body) ||
+        peer->window.Take(std::make_shared<OutgoingBody>(Outgoing::Kind::notification, body));
+    if (!is_taken) {
         AskForRoom(peer);
         return Status::queue_full;
     }
@@ -443,37 +464,13 @@ PelmarEndpoint::Status PelmarEndpoint::Impl::Notify(const Partner& partner, Byte
     return Status::ok;
 }
 
-PelmarEndpoint::Broadcast PelmarEndpoint::Impl::NotifyAll(Bytes data)
-{
-    const auto body = std::make_shared<const Bytes>(std::move(data));
-    Broadcast broadcast;
-    const Lock lock(m_mutex);
-    const std::vector<PeerPtr> ready = m_ready;
-    for (const PeerPtr& peer : ready) {
-        const Partner partner(peer->partner);
-        PeerPtr found;
-        Status status = Admit(partner, body->size(), found);
-        if (status == Status::ok &&
-            !peer->window.Take(std::make_shared<OutgoingBody>(Outgoing::Kind::notification, body)))
-            status = Status::queue_full;
-        if (status == Status::ok) {
-            ++broadcast.sent;
-            Pump(peer);
-        } else {
-            broadcast.missed.push_back({partner, status});
-            AskForRoom(peer);
-        }
-    }
-    return broadcast;
-}
-
 PelmarEndpoint::Impl::RequestPtr PelmarEndpoint::Impl::OpenNewRequest(const Partner& partner,
                                                                       Bytes data, Status& status)
 {
     auto request = std::make_shared<OpenRequest>(Outgoing::Kind::request,
                                                  std::make_shared<const Bytes>(std::move(data)));
-    PeerPtr peer;
-    status = Admit(partner, request->body->size(), peer);
+    const PeerPtr peer = FindPeer(partner);
+    status = Admit(peer, request->body->size());
     if (status == Status::ok && !peer->window.Take(request)) {
         status = Status::queue_full;
         AskForRoom(peer);

@@ -11,7 +11,7 @@ bool PartnerWindow::Take(Item item)
         ++m_waiting_answers;
         m_waiting_answer_bytes += item->cost;
     } else {
-        if (m_used > m_bytes / 16 && m_used + item->cost > m_bytes) {
+        if (!HasRoomFor(item->cost)) {
             m_refused = m_refused == 0 ? item->cost : std::min(m_refused, item->cost);
             return false;
         }
@@ -19,6 +19,27 @@ bool PartnerWindow::Take(Item item)
     }
     m_waiting.push_back(std::move(item));
     return true;
+}
+
+bool PartnerWindow::Pass(std::size_t cost)
+{
+    if (HasWaiting() || !HasRoomFor(cost))
+        return false;
+    m_used += cost;
+    Left(cost);
+    m_notified.push_back({m_sent, cost});
+    return true;
+}
+
+bool PartnerWindow::HasRoomFor(std::size_t cost) const
+{
+    return m_used <= m_bytes / 16 || m_used + cost <= m_bytes;
+}
+
+void PartnerWindow::Left(std::size_t cost)
+{
+    m_sent += cost;
+    m_all->bytes += cost;
 }
 
 PartnerWindow::Item PartnerWindow::Next(bool may_call)
@@ -36,8 +57,7 @@ PartnerWindow::Item PartnerWindow::NextAnyway()
     m_waiting.pop_front();
     if (IsLarge(*item))
         m_asked_for_large = m_may_send_large = false;
-    m_sent += item->cost;
-    m_all->bytes += item->cost;
+    Left(item->cost);
     item->position = m_sent;
     if (item->kind == Outgoing::Kind::answer) {
         --m_waiting_answers;

@@ -67,6 +67,10 @@ public:
     // False when there is no room for it.
     bool Take(Item item);
 
+    // A notification leaves at once, without being taken. False when it may not: something waits,
+    // or there is no room.
+    bool Pass(std::size_t cost);
+
     // What leaves next, null when nothing may. `may_call`: whether one more request may be open.
     Item Next(bool may_call);
 
@@ -101,6 +105,8 @@ public:
     bool HasWaiting() const { return !m_waiting.empty(); }
 
 private:
+    bool HasRoomFor(std::size_t cost) const;
+    void Left(std::size_t cost);
     bool MayLeave(const Outgoing& item, bool may_call) const;
     static bool IsLarge(const Outgoing& item) { return item.cost > TRANSIT_BYTES; }
     bool IsHeadLarge() const { return HasWaiting() && IsLarge(*m_waiting.front()); }

@@ -9,6 +9,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
+
 #include "direct-socket.h"
 #include "frame-bytes.h"
 #include "process-resources.h"
@@ -41,13 +43,21 @@ FrameHead HeadOf(FrameType type, std::uint32_t serial = 0, std::uint16_t slot = 
 struct End {
     explicit End(Descriptor descriptor) : socket(std::move(descriptor), LARGEST)
     {
-        socket.Write(HeadOf(FrameType::hello), Shared(EncodeHello({1, LARGEST})));
+        socket.Write(HeadOf(FrameType::hello), Shared(EncodeHello({1, LARGEST})), 0);
         Flush();
     }
-    void Flush() { EXPECT_TRUE(socket.Flush()); }
+    void Flush()
+    {
+        socket.HasRoom();
+        EXPECT_TRUE(socket.Flush());
+    }
+    void Write(std::uint32_t serial, Bytes bytes)
+    {
+        socket.Write(HeadOf(FrameType::request, serial), Shared(std::move(bytes)), serial);
+    }
     void Notify(std::uint32_t serial, Bytes bytes)
     {
-        socket.Write(HeadOf(FrameType::request, serial), Shared(std::move(bytes)));
+        Write(serial, std::move(bytes));
         Flush();
     }
     // Everything that has come, but for the greeting; answers about slots leave.
@@ -130,6 +140,51 @@ TEST_F(TwoEnds, WriteSmallMessagesInline)
     m_one.Notify(3, {});
     Exchange();
     EXPECT_THAT(Slots(), testing::ElementsAre(0, 1, 0));
+}
+
+Bytes PatternOf(std::uint32_t serial)
+{
+    constexpr std::array<std::size_t, 8> SIZES = {0, 1, 64, 4095, 4096, 4097, 9000, 300};
+    return Bytes(SIZES[serial % SIZES.size()] + serial % 3, static_cast<char>(serial));
+}
+
+TEST_F(TwoEnds, BringWhatIsCollectedInItsOrder)
+{
+    constexpr std::uint32_t COUNT = 2000;
+    for (std::uint32_t i = 1; i <= COUNT; ++i)
+        m_one.Write(i, PatternOf(i));
+    EXPECT_EQ(COUNT, m_one.socket.FramesWaiting());
+    EXPECT_EQ(0U, m_one.socket.Taken());
+    Exchange();
+    ASSERT_EQ(COUNT, m_other.came.size());
+    for (std::uint32_t i = 1; i <= COUNT; ++i) {
+        ASSERT_EQ(i, m_other.came[i - 1].head.serial);
+        ASSERT_EQ(PatternOf(i), m_other.came[i - 1].payload) << i;
+    }
+    EXPECT_EQ(COUNT, m_one.socket.Taken());
+    EXPECT_EQ(0U, m_one.socket.FramesWaiting());
+    EXPECT_EQ(0U, m_one.socket.Waiting());
+}
+
+TEST_F(TwoEnds, TellUpToWhereASocketThatIsFullHasTakenAll)
+{
+    std::uint32_t last = 0;
+    while (m_one.socket.Waiting() < MIB) {
+        ++last;
+        m_one.Notify(last, PatternOf(last));
+    }
+    const std::uint64_t taken = m_one.socket.Taken();
+    EXPECT_LT(0U, taken);
+    EXPECT_GT(last, taken);
+    m_other.Read();
+    EXPECT_LE(taken, m_other.came.size());
+    EXPECT_TRUE(m_one.socket.Flush()) << "nobody has told that there is room";
+    EXPECT_EQ(taken, m_one.socket.Taken());
+    m_one.Flush();
+    EXPECT_LT(taken, m_one.socket.Taken());
+    Exchange();
+    EXPECT_EQ(last, m_one.socket.Taken());
+    EXPECT_EQ(last, m_other.came.size());
 }
 
 TEST_F(TwoEnds, FillNoSlotThatIsNotCopiedOut)

@@ -77,6 +77,27 @@ TEST_F(APartnerWindow, RefusesALargeMessageWhileMoreThanASixteenthIsInUse)
     EXPECT_FALSE(m_window.Take(Notification(32 * MIB)));
 }
 
+TEST_F(APartnerWindow, LetsANotificationPassWhenNothingWaits)
+{
+    EXPECT_TRUE(m_window.Pass(KIB));
+    EXPECT_EQ(KIB, m_window.Position());
+    EXPECT_EQ(KIB, m_all->bytes);
+    EXPECT_FALSE(m_window.HasWaiting());
+    ASSERT_TRUE(m_window.Take(Request(KIB)));
+    EXPECT_FALSE(m_window.Pass(KIB));
+    EXPECT_EQ(KIB, m_window.Position());
+}
+TEST_F(APartnerWindow, LetsNothingPassThatHasNoRoom)
+{
+    EXPECT_TRUE(m_window.Pass(5 * MIB));
+    EXPECT_FALSE(m_window.Pass(4 * MIB));
+    EXPECT_TRUE(m_window.Pass(3 * MIB));
+    m_window.DealtWith(5 * MIB);
+    EXPECT_TRUE(m_window.Pass(4 * MIB));
+    m_window.DealtWith(m_window.Position());
+    EXPECT_EQ(0U, m_all->bytes);
+    EXPECT_EQ(8, Fill(MIB));
+}
 TEST_F(APartnerWindow, LetsMessagesLeaveInTheirOrder)
 {
     const std::vector<Item> all = {Notification(KIB), Request(KIB), Answer(KIB), Notification(KIB)};
