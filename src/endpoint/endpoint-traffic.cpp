@@ -401,7 +401,7 @@ void PelmarEndpoint::Impl::ForgetIdleStrangers()
         return;
     for (auto entry = m_peers.begin(); entry != m_peers.end();) {
         if (is_idle(*entry->second)) {
-            entry->second->gone = true;
+            Forget(*entry->second);
             entry = m_peers.erase(entry);
         } else {
             ++entry;

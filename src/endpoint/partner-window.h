@@ -60,7 +60,6 @@ public:
         : m_bytes(bytes), m_answer_bytes(answer_bytes), m_all(std::move(all))
     {
     }
-    ~PartnerWindow() { m_all->bytes -= InTransit(); }
     PartnerWindow(const PartnerWindow&) = delete;
     PartnerWindow& operator=(const PartnerWindow&) = delete;
 
