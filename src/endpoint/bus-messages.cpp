@@ -1,7 +1,6 @@
 #include "bus-messages.h"
 
 #include <gio/gunixfdlist.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -53,6 +52,20 @@ std::string CutAtCharacter(const std::string& text)
     return text.substr(0, end);
 }
 
+std::vector<ForeignDescriptor> StealDescriptors(GDBusMessage* message)
+{
+    std::vector<ForeignDescriptor> stolen;
+    GUnixFDList* list = g_dbus_message_get_unix_fd_list(message);
+    if (list == nullptr)
+        return stolen;
+    gint count = 0;
+    gint* descriptors = g_unix_fd_list_steal_fds(list, &count);
+    for (gint i = 0; i < count; ++i)
+        stolen.emplace_back(descriptors[i]);
+    g_free(descriptors);
+    return stolen;
+}
+
 }  // namespace
 
 MessagePtr ToDaemon(const char* method, GVariant* parameters)
@@ -96,17 +109,17 @@ MessagePtr OpenDirectPath(const std::string& partner, const std::string& path, g
     return call;
 }
 
-int TakeDescriptor(GDBusMessage* call)
+ForeignDescriptor TakeDescriptor(GDBusMessage* call)
 {
-    GUnixFDList* list = g_dbus_message_get_unix_fd_list(call);
-    if (list == nullptr || !HasBody(call, "(uh)"))
-        return -1;
+    std::vector<ForeignDescriptor> came = StealDescriptors(call);
+    if (!HasBody(call, "(uh)"))
+        return ForeignDescriptor();
     guint32 version = 0;
     gint handle = -1;
     g_variant_get(g_dbus_message_get_body(call), "(uh)", &version, &handle);
-    if (version == 0 || handle < 0 || handle >= g_unix_fd_list_get_length(list))
-        return -1;
-    return g_unix_fd_list_get(list, handle, nullptr);
+    if (version == 0 || handle < 0 || static_cast<std::size_t>(handle) >= came.size())
+        return ForeignDescriptor();
+    return std::move(came[static_cast<std::size_t>(handle)]);
 }
 
 CallId::CallId(GDBusMessage* call)
@@ -142,14 +155,7 @@ std::string BoundedText(const std::string& text)
 
 void DropDescriptors(GDBusMessage* message)
 {
-    GUnixFDList* list = g_dbus_message_get_unix_fd_list(message);
-    if (list == nullptr)
-        return;
-    gint count = 0;
-    gint* descriptors = g_unix_fd_list_steal_fds(list, &count);
-    for (gint i = 0; i < count; ++i)
-        close(descriptors[i]);
-    g_free(descriptors);
+    StealDescriptors(message);
 }
 
 bool IsFromDaemon(GDBusMessage* message)

@@ -8,6 +8,7 @@
 
 #include <sys/types.h>
 
+#include "foreign-descriptor.h"
 #include "gio-handles.h"
 
 using MessagePtr = GObjectPtr<GDBusMessage>;
@@ -45,9 +46,8 @@ MessagePtr OpenDirectPath(const std::string& partner, const std::string& path, g
                           int socket);
 // What is said about direct paths without being answered.
 MessagePtr DirectPathWord(const std::string& partner, const std::string& path, const char* method);
-// The descriptor that came with such a call; the caller's from now on. -1 when there is none, or no
-// version.
-int TakeDescriptor(GDBusMessage* call);
+// The descriptor that came with such a call. Not open when there is none, or no version.
+ForeignDescriptor TakeDescriptor(GDBusMessage* call);
 
 // What it takes to answer a call, without what was sent with it.
 struct CallId {

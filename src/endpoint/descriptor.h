@@ -6,19 +6,21 @@
 
 #include <utility>
 
-class Descriptor {
+// CLOSE is how it ends.
+template <void (*CLOSE)(int descriptor)>
+class OwnedDescriptor {
 public:
-    explicit Descriptor(int number = -1) : m_number(number) {}
-    ~Descriptor() { Close(); }
-    Descriptor(Descriptor&& other) noexcept : m_number(other.Release()) {}
-    Descriptor& operator=(Descriptor&& other) noexcept
+    explicit OwnedDescriptor(int number = -1) : m_number(number) {}
+    ~OwnedDescriptor() { Close(); }
+    OwnedDescriptor(OwnedDescriptor&& other) noexcept : m_number(other.Release()) {}
+    OwnedDescriptor& operator=(OwnedDescriptor&& other) noexcept
     {
         Close();
         m_number = other.Release();
         return *this;
     }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
+    OwnedDescriptor(const OwnedDescriptor&) = delete;
+    OwnedDescriptor& operator=(const OwnedDescriptor&) = delete;
 
     int Number() const { return m_number; }
     bool IsOpen() const { return m_number >= 0; }
@@ -28,10 +30,16 @@ private:
     void Close() const
     {
         if (m_number >= 0)
-            close(m_number);
+            CLOSE(m_number);
     }
 
     int m_number;
 };
+
+inline void CloseAtOnce(int descriptor)
+{
+    close(descriptor);
+}
+using Descriptor = OwnedDescriptor<CloseAtOnce>;
 
 #endif

@@ -70,11 +70,11 @@ bool IsNumber(std::uint16_t number)
 
 // ---- SharedMemory --------------------------------------------------------------------------
 
-SharedMemory SharedMemory::Map(const Descriptor& memory, std::size_t capacity)
+SharedMemory SharedMemory::Map(int memory, std::size_t capacity)
 {
     SharedMemory shared;
     void* start =
-        mmap(nullptr, SLOT_HEAD + capacity, PROT_READ | PROT_WRITE, MAP_SHARED, memory.Number(), 0);
+        mmap(nullptr, SLOT_HEAD + capacity, PROT_READ | PROT_WRITE, MAP_SHARED, memory, 0);
     if (start == MAP_FAILED)
         return shared;
     madvise(start, SLOT_HEAD + capacity, MADV_DONTFORK);
@@ -160,7 +160,7 @@ std::optional<OwnSlots::Offer> OwnSlots::MakeFor(std::size_t size)
     Descriptor memory = MakeMemory(capacity);
     Slot slot;
     if (memory.IsOpen())
-        slot.memory = SharedMemory::Map(memory, capacity);
+        slot.memory = SharedMemory::Map(memory.Number(), capacity);
     if (!slot.memory.IsMapped()) {
         m_is_over = true;
         return std::nullopt;
@@ -204,15 +204,14 @@ bool OwnSlots::IsEmpty() const
 
 // ---- TheirSlots ----------------------------------------------------------------------------
 
-TheirSlots::Verdict TheirSlots::Take(std::uint16_t number, std::uint64_t capacity,
-                                     const Descriptor& memory)
+TheirSlots::Verdict TheirSlots::Take(std::uint16_t number, std::uint64_t capacity, int memory)
 {
     if (!IsNumber(number) || capacity == 0 || capacity > DirectSlot::MOST_CAPACITY)
         return Verdict::at_fault;
     Forget(number);
-    if (!memory.IsOpen())
+    if (memory < 0)
         return Verdict::refused;
-    if (!IsSound(memory.Number(), capacity))
+    if (!IsSound(memory, capacity))
         return Verdict::at_fault;
     SharedMemory mapped = SharedMemory::Map(memory, capacity);
     if (!mapped.IsMapped())

@@ -25,7 +25,7 @@ public:
     SharedMemory& operator=(const SharedMemory&) = delete;
 
     // Not mapped when there is no memory, or too little.
-    static SharedMemory Map(const Descriptor& memory, std::size_t capacity);
+    static SharedMemory Map(int memory, std::size_t capacity);
 
     bool IsMapped() const { return m_start != nullptr; }
     std::size_t Capacity() const { return m_capacity; }
@@ -86,8 +86,8 @@ private:
 class TheirSlots {
 public:
     enum class Verdict { taken, refused, at_fault };
-    // `memory` is not open when this process had no room for the descriptor.
-    Verdict Take(std::uint16_t number, std::uint64_t capacity, const Descriptor& memory);
+    // `memory` stays the caller's; -1 when this process had no room for the descriptor.
+    Verdict Take(std::uint16_t number, std::uint64_t capacity, int memory);
     void Forget(std::uint16_t number);
 
     // Nothing when there is no such slot, or it is not filled or smaller.

@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
 
 namespace {
@@ -38,12 +39,12 @@ bool HasOption(int descriptor, int option, int wanted)
 
 }  // namespace
 
-std::pair<Descriptor, Descriptor> ConnectedSockets()
+std::pair<SocketEnd, Descriptor> ConnectedSockets()
 {
     std::array<int, 2> ends = {-1, -1};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()) != 0)
-        return {Descriptor(), Descriptor()};
-    return {Descriptor(ends[0]), Descriptor(ends[1])};
+        return {SocketEnd(), Descriptor()};
+    return {SocketEnd(ends[0]), Descriptor(ends[1])};
 }
 
 bool IsConnectedStream(int descriptor)
@@ -234,13 +235,10 @@ DirectSocket::ReadResult DirectSocket::Read(std::vector<char>& buffer, std::vect
         return ReadResult::ended;
     if (size < 0)
         return errno == EAGAIN || errno == EINTR ? ReadResult::drained : ReadResult::ended;
-    m_read.clear();
-    m_reader.Take(buffer.data(), static_cast<std::size_t>(size), m_read);
-    for (Frame& frame : m_read) {
-        if (!TakeIn(frame))
-            return ReadResult::at_fault;
-        if (!frame.head.IsAboutSlot())
-            frames.push_back(std::move(frame));
+    try {
+        TakeBytes(buffer.data(), static_cast<std::size_t>(size), frames);
+    } catch (const std::bad_alloc&) {
+        Fail("there is no memory for what it sends");
     }
     if ((m_memory.IsOpen() || m_memory_missed) && !m_reader.IsInsideSlot())
         Fail("a descriptor that nobody asked for");
@@ -249,33 +247,44 @@ DirectSocket::ReadResult DirectSocket::Read(std::vector<char>& buffer, std::vect
     return static_cast<std::size_t>(size) == buffer.size() ? ReadResult::more : ReadResult::some;
 }
 
+void DirectSocket::TakeBytes(const char* data, std::size_t size, std::vector<Frame>& frames)
+{
+    m_read.clear();
+    m_reader.Take(data, size, m_read);
+    for (Frame& frame : m_read) {
+        if (!TakeIn(frame))
+            return;
+        if (!frame.head.IsAboutSlot())
+            frames.push_back(std::move(frame));
+    }
+}
+
 ssize_t DirectSocket::Receive(std::vector<char>& buffer)
 {
     iovec part = {buffer.data(), buffer.size()};
-    OneDescriptor control;
+    ControlRoom room;
     msghdr message{};
     message.msg_iov = &part;
     message.msg_iovlen = 1;
-    message.msg_control = control.bytes.data();
-    message.msg_controllen = CMSG_LEN(sizeof(int));
+    room.Prepare(message);
     const ssize_t size = recvmsg(m_socket.Number(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-    if (size < 0)
-        return size;
-    const bool had_memory = m_memory.IsOpen() || m_memory_missed;
-    const cmsghdr* header = CMSG_FIRSTHDR(&message);
-    bool has_memory = false;
-    if (header != nullptr && header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS &&
-        header->cmsg_len == CMSG_LEN(sizeof(int))) {
-        int number = -1;
-        std::memcpy(&number, CMSG_DATA(header), sizeof number);
-        m_memory = Descriptor(number);
-        has_memory = true;
-    }
-    const bool is_truncated = (message.msg_flags & MSG_CTRUNC) != 0;
-    m_memory_missed = m_memory_missed || (is_truncated && !has_memory);
-    if ((has_memory || is_truncated) && (had_memory || (has_memory && is_truncated)))
-        Fail("more descriptors than slots");
+    if (size >= 0)
+        TakeMemory(ControlRoom::Take(message), (message.msg_flags & MSG_CTRUNC) != 0);
     return size;
+}
+
+// One at a time. `is_short`: this process had no room for all.
+void DirectSocket::TakeMemory(std::vector<ForeignDescriptor> came, bool is_short)
+{
+    if (came.empty() && !is_short)
+        return;
+    const bool had_one = m_memory.IsOpen() || m_memory_missed;
+    if (had_one || came.size() > 1 || (is_short && !came.empty()))
+        Fail("more descriptors than slots");
+    else if (is_short)
+        m_memory_missed = true;
+    else
+        m_memory = std::move(came.front());
 }
 
 bool DirectSocket::TakeIn(Frame& frame)
@@ -300,12 +309,12 @@ bool DirectSocket::TakeSlot(const Frame& frame)
         m_their_slots.Forget(frame.head.slot);
         return true;
     }
-    const Descriptor memory = std::move(m_memory);
+    const ForeignDescriptor memory = std::move(m_memory);
     const bool was_missed = std::exchange(m_memory_missed, false);
     if (!memory.IsOpen() && !was_missed)
         return Fail("a slot without its memory");
     const Verdict verdict =
-        m_their_slots.Take(frame.head.slot, DecodeCapacity(frame.payload), memory);
+        m_their_slots.Take(frame.head.slot, DecodeCapacity(frame.payload), memory.Number());
     if (verdict == Verdict::at_fault)
         return Fail("memory for a slot that is not safe");
     if (m_own_waiting > DirectSlot::MOST)

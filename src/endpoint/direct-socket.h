@@ -14,9 +14,11 @@
 #include "descriptor.h"
 #include "direct-frames.h"
 #include "direct-slots.h"
+#include "foreign-descriptor.h"
 
-// Two ends that are connected; both not open when the process has no descriptors left.
-std::pair<Descriptor, Descriptor> ConnectedSockets();
+// Two ends that are connected, one for another process; both not open when the process has no
+// descriptors left.
+std::pair<SocketEnd, Descriptor> ConnectedSockets();
 
 // Whether a descriptor of unknown origin is what a direct path runs on.
 bool IsConnectedStream(int descriptor);
@@ -27,11 +29,10 @@ using Payload = std::shared_ptr<const std::vector<char>>;
 class DirectSocket {
 public:
     // `largest` message that is taken.
-    DirectSocket(Descriptor socket, std::uint64_t largest)
+    DirectSocket(SocketEnd socket, std::uint64_t largest)
         : m_socket(std::move(socket)), m_reader(largest)
     {
     }
-    ~DirectSocket() { Shutdown(); }
     DirectSocket(const DirectSocket&) = delete;
     DirectSocket& operator=(const DirectSocket&) = delete;
 
@@ -90,17 +91,19 @@ private:
     void TakeBackOffer();
     void Written(std::size_t size);
     void PopFirst();
+    void TakeBytes(const char* data, std::size_t size, std::vector<Frame>& frames);
     ssize_t Receive(std::vector<char>& buffer);
+    void TakeMemory(std::vector<ForeignDescriptor> came, bool is_short);
     bool TakeIn(Frame& frame);
     bool TakeSlot(const Frame& frame);
     bool CopyOut(Frame& frame);
     bool Fail(const std::string& fault);
 
-    const Descriptor m_socket;
+    const SocketEnd m_socket;
     FrameReader m_reader;
     OwnSlots m_own_slots;
     TheirSlots m_their_slots;
-    Descriptor m_memory;           // of a slot whose frame is not whole
+    ForeignDescriptor m_memory;    // of a slot whose frame is not whole
     bool m_memory_missed = false;  // there was no room for it
     std::vector<Frame> m_read;
     std::deque<Item> m_waiting;

@@ -220,7 +220,7 @@ void PelmarEndpoint::Impl::OpenDirectPath(const PeerPtr& peer)
         bus_message::OpenDirectPath(peer->Name(), m_object_path, DIRECT_VERSION, theirs.Number());
     if (call == nullptr)
         return;
-    auto socket = std::make_shared<Descriptor>(std::move(own));
+    auto socket = std::make_shared<SocketEnd>(std::move(own));
     SendNow(call.get(), [this, peer, socket](GDBusMessage* answer) {
         DirectPathAnswered(peer, std::move(*socket), answer);
     });
@@ -228,7 +228,7 @@ void PelmarEndpoint::Impl::OpenDirectPath(const PeerPtr& peer)
 
 // The answer is the last that the service sends by the bus, and the call of Switch the last that
 // the client does.
-void PelmarEndpoint::Impl::DirectPathAnswered(const PeerPtr& peer, Descriptor socket,
+void PelmarEndpoint::Impl::DirectPathAnswered(const PeerPtr& peer, SocketEnd socket,
                                               GDBusMessage* answer)
 {
     if (peer->gone || m_stopped || bus_message::Number(answer) != DIRECT_VERSION) {
@@ -244,7 +244,7 @@ void PelmarEndpoint::Impl::DirectPathAnswered(const PeerPtr& peer, Descriptor so
 void PelmarEndpoint::Impl::TakeOpen(GDBusMessage* call)
 {
     const bus_message::CallId id(call);
-    Descriptor socket(bus_message::TakeDescriptor(call));
+    ForeignDescriptor socket = bus_message::TakeDescriptor(call);
     const PeerPtr peer = FindPeer(id.caller);
     if (peer != nullptr)
         IsThrough(*peer);
@@ -256,7 +256,7 @@ void PelmarEndpoint::Impl::TakeOpen(GDBusMessage* call)
         return;
     }
     peer->was_opened = true;
-    peer->opening = {id, std::move(socket)};
+    peer->opening = {id, SocketEnd(socket.Release())};
     Carry(m_handshake->TrafficCame(id.caller));
     AcceptDirectPath(peer);
 }
@@ -283,7 +283,7 @@ void PelmarEndpoint::Impl::TakeSwitch(const std::string& caller)
         StartReading(peer);
 }
 
-void PelmarEndpoint::Impl::StartWriting(const PeerPtr& peer, Descriptor socket)
+void PelmarEndpoint::Impl::StartWriting(const PeerPtr& peer, SocketEnd socket)
 {
     Hello hello;
     hello.largest = std::max(m_settings.intake, MAX_BUS_MESSAGE_BYTES);

@@ -319,12 +319,12 @@ private:
     void TryDirectPath(const PeerPtr& peer);
     bool NeedsWordOnDirectPath(const Peer& peer) const;
     void OpenDirectPath(const PeerPtr& peer);
-    void DirectPathAnswered(const PeerPtr& peer, Descriptor socket, GDBusMessage* answer);
+    void DirectPathAnswered(const PeerPtr& peer, SocketEnd socket, GDBusMessage* answer);
     void TakeOpen(GDBusMessage* call);
     void AcceptDirectPath(const PeerPtr& peer);
     void AnswerOpen(const bus_message::CallId& call, guint32 version);
     void TakeSwitch(const std::string& caller);
-    void StartWriting(const PeerPtr& peer, Descriptor socket);
+    void StartWriting(const PeerPtr& peer, SocketEnd socket);
     void StartReading(const PeerPtr& peer);
     void WatchDirect(Peer& peer);
     static gboolean cb_Direct(gint descriptor, GIOCondition condition, gpointer user_data);
@@ -502,7 +502,7 @@ struct PelmarEndpoint::Impl::Peer {
     bool waits_for_turn = false;
     bool is_invited = false;  // and has not opened its path yet
     bool was_opened = false;
-    std::optional<std::pair<bus_message::CallId, Descriptor>> opening;  // until it is ready
+    std::optional<std::pair<bus_message::CallId, SocketEnd>> opening;  // until it is ready
     std::shared_ptr<DirectSocket> socket;
     Deadlines::TimePoint last_sent;
     bool writes_soon = false;

@@ -620,7 +620,7 @@ protected:
     std::atomic<std::size_t> m_invitations{0};
 
     // Its own end of a path that the endpoint has taken.
-    Descriptor OpenPath(BusActor& actor)
+    SocketEnd OpenPath(BusActor& actor)
     {
         MakeReady(actor);
         auto [own, theirs] = ConnectedSockets();
@@ -628,7 +628,7 @@ protected:
         Switch(actor);
         return std::move(own);
     }
-    static void Write(const Descriptor& socket, const Bytes& bytes)
+    static void Write(const SocketEnd& socket, const Bytes& bytes)
     {
         EXPECT_EQ(static_cast<ssize_t>(bytes.size()),
                   send(socket.Number(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
@@ -660,7 +660,7 @@ protected:
 TEST_F(AService, TakesThePathOfAPartnerThatKeepsToTheProtocol)
 {
     BusActor actor(m_bus);
-    const Descriptor socket = OpenPath(actor);
+    const SocketEnd socket = OpenPath(actor);
     EXPECT_FALSE(PartnerOf(actor).IsDirect());
     Write(socket, Greeting());
     AwaitDirect({PartnerOf(actor)});
@@ -781,7 +781,7 @@ TEST_F(AService, EndsThePathOfWhomItDoesNotUnderstand)
     const std::size_t before = CountOf("fd");
     for (const auto& [bytes, fault] : faults) {
         BusActor actor(m_bus);
-        const Descriptor socket = OpenPath(actor);
+        const SocketEnd socket = OpenPath(actor);
         Write(socket, bytes);
         ExpectFailure(actor, fault);
         char byte = 0;
@@ -796,7 +796,7 @@ TEST_F(AService, EndsThePathOfWhomItDoesNotUnderstand)
 TEST_F(AService, EndsThePathOfWhomPassesItADescriptor)
 {
     BusActor actor(m_bus);
-    const Descriptor socket = OpenPath(actor);
+    const SocketEnd socket = OpenPath(actor);
     Write(socket, Greeting());
     Bytes bytes = FrameOf(FrameType::notify, 0, {});
     iovec part = {bytes.data(), bytes.size()};
@@ -820,7 +820,7 @@ TEST_F(AService, EndsThePathWhoseOtherEndWasClosed)
 {
     BusActor actor(m_bus);
     {
-        const Descriptor socket = OpenPath(actor);
+        const SocketEnd socket = OpenPath(actor);
         Write(socket, Greeting() + FrameOf(FrameType::notify, 0, BytesOf("last")));
         m_news.Await("notification last");
     }
@@ -833,7 +833,7 @@ TEST_F(AService, EndsThePathWhoseOtherEndWasClosed)
 TEST_F(AService, EndsThePathOfWhomReadsNoAnswers)
 {
     BusActor actor(m_bus);
-    const Descriptor socket = OpenPath(actor);
+    const SocketEnd socket = OpenPath(actor);
     Write(socket, Greeting());
     const ProcessMemory memory(getpid());
     const std::size_t before = memory.Resident();
@@ -860,7 +860,7 @@ TEST_F(AService, DeliversNoHalfMessage)
 {
     BusActor actor(m_bus);
     {
-        const Descriptor socket = OpenPath(actor);
+        const SocketEnd socket = OpenPath(actor);
         Bytes bytes = Greeting() + FrameOf(FrameType::notify, 0, BytesOf("whole")) +
                       FrameOf(FrameType::notify, 0, BytesOf("half"));
         bytes.pop_back();
@@ -875,7 +875,7 @@ TEST_F(AService, DeliversNoHalfMessage)
 TEST_F(AService, IsNotMovedByAPathThatNobodyReadsFrom)
 {
     BusActor actor(m_bus);
-    const Descriptor socket = OpenPath(actor);
+    const SocketEnd socket = OpenPath(actor);
     Write(socket, Greeting());
     const Partner partner = PartnerOf(actor);
     AwaitDirect({partner});

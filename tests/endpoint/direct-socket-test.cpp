@@ -13,6 +13,7 @@
 
 #include "direct-socket.h"
 #include "frame-bytes.h"
+#include "lingering-socket.h"
 #include "process-resources.h"
 
 namespace {
@@ -41,7 +42,7 @@ FrameHead HeadOf(FrameType type, std::uint32_t serial = 0, std::uint16_t slot = 
 }
 
 struct End {
-    explicit End(Descriptor descriptor) : socket(std::move(descriptor), LARGEST)
+    explicit End(int descriptor) : socket(SocketEnd(descriptor), LARGEST)
     {
         socket.Write(HeadOf(FrameType::hello), Shared(EncodeHello({1, LARGEST})), 0);
         Flush();
@@ -82,8 +83,8 @@ struct End {
 
 class TwoEnds : public testing::Test {
 protected:
-    explicit TwoEnds(std::pair<Descriptor, Descriptor> sockets = ConnectedSockets())
-        : m_one(std::move(sockets.first)), m_other(std::move(sockets.second))
+    explicit TwoEnds(std::pair<SocketEnd, Descriptor> sockets = ConnectedSockets())
+        : m_one(sockets.first.Release()), m_other(sockets.second.Release())
     {
     }
 
@@ -317,8 +318,8 @@ TEST_F(TwoEnds, WriteInlineWhereTheReceiverHasNoDescriptorLeft)
 
 class AHostileEnd : public testing::Test {
 protected:
-    explicit AHostileEnd(std::pair<Descriptor, Descriptor> sockets = ConnectedSockets())
-        : m_end(std::move(sockets.first)), m_socket(std::move(sockets.second))
+    explicit AHostileEnd(std::pair<SocketEnd, Descriptor> sockets = ConnectedSockets())
+        : m_end(sockets.first.Release()), m_socket(sockets.second.Release())
     {
         Send(FrameOf(HeadOf(FrameType::hello), EncodeHello({1, LARGEST})));
     }
@@ -395,6 +396,24 @@ TEST_F(ADescriptorThatIsNoMemory, OfAFolder)
 TEST_F(ADescriptorThatIsNoMemory, OfADevice)
 {
     ExpectUnsafe(Descriptor(open("/dev/zero", O_RDWR)));
+}
+TEST_F(ADescriptorThatIsNoMemory, ThatTakesLongToClose)
+{
+    LingeringSocket socket;
+    Send(SlotFrame(1, 4096), {socket.Number()});
+    close(socket.Release());
+    EXPECT_TRUE(LingeringSocket::IsQuick([&] { ExpectFault("not safe"); }));
+    EXPECT_TRUE(LingeringSocket::IsQuick([&] { socket.AwaitItsEnd(); }));
+}
+TEST_F(ADescriptorThatIsNoMemory, ThatTakesLongToCloseWhereNoneIsAskedFor)
+{
+    std::array<LingeringSocket, 2> sockets;
+    Send(FrameOf(HeadOf(FrameType::notify), Bytes(1)), {sockets[0].Number(), sockets[1].Number()});
+    for (LingeringSocket& socket : sockets)
+        close(socket.Release());
+    EXPECT_TRUE(LingeringSocket::IsQuick([&] { ExpectFault("more descriptors than slots"); }));
+    for (const LingeringSocket& socket : sockets)
+        EXPECT_TRUE(LingeringSocket::IsQuick([&] { socket.AwaitItsEnd(); }));
 }
 TEST_F(ADescriptorThatIsNoMemory, OfAPath)
 {

@@ -525,8 +525,7 @@ TEST_F(ARequest, LosesThePartnerWhoseProcessIsKilledWhileItAnswers)
     const Partner peer = m_endpoint->Partners().front();
     partner.Signal(SIGSTOP);
     std::promise<Response> promise;
-    m_endpoint->Request(peer, {}, LONG,
-                        [&](Response came) { promise.set_value(std::move(came)); });
+    m_endpoint->Request(peer, {}, LONG, [&](Response came) { promise.set_value(std::move(came)); });
     partner.Kill();
     EXPECT_EQ(Status::partner_lost, promise.get_future().get().status);
     m_news.Await("lost " + peer.Name());

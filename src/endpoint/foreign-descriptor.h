@@ -1,0 +1,39 @@
+// Descriptors that came from somebody else. Internal.
+//
+// To close one may take as long as its maker likes: a socket lingers over what it has not sent, a
+// file system of one's own answers when it wants to, and with the last end of a socket all that
+// goes that was sent to it and not read. Nobody waits for that here.
+#ifndef PELMAR_FOREIGN_DESCRIPTOR_H
+#define PELMAR_FOREIGN_DESCRIPTOR_H
+
+#include <sys/socket.h>
+
+#include <array>
+#include <vector>
+
+#include "descriptor.h"
+
+// Memory at once; anything else is closed by a thread that does nothing else.
+void CloseElsewhere(int descriptor);
+using ForeignDescriptor = OwnedDescriptor<CloseElsewhere>;
+
+// For the end of a connected socket, which the other side sees also where somebody else holds the
+// descriptor. What came by it and was not read is closed elsewhere.
+void CloseSocketEnd(int descriptor);
+using SocketEnd = OwnedDescriptor<CloseSocketEnd>;
+
+// Room for all descriptors that can come with one message: the kernel closes what there is no room
+// for, in the thread that reads.
+class ControlRoom {
+public:
+    // For the next recvmsg.
+    void Prepare(msghdr& message);
+    // What came with it.
+    static std::vector<ForeignDescriptor> Take(const msghdr& message);
+
+private:
+    static constexpr std::size_t MOST = 253;
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(MOST * sizeof(int))> m_bytes;
+};
+
+#endif
