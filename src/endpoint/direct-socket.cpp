@@ -13,7 +13,7 @@
 namespace {
 
 // How much is read at a time.
-constexpr std::size_t READ_SIZE = 256UL * 1024;
+constexpr std::size_t READ_SIZE = 64UL * 1024;
 
 // Small messages are copied behind one another, so that the kernel has few pieces to put together.
 constexpr std::size_t SMALL = 4096;
@@ -244,7 +244,7 @@ DirectSocket::ReadResult DirectSocket::Read(std::vector<char>& buffer, std::vect
         Fail("a descriptor that nobody asked for");
     if (!Fault().empty())
         return ReadResult::at_fault;
-    return static_cast<std::size_t>(size) == buffer.size() ? ReadResult::more : ReadResult::some;
+    return ReadResult::some;
 }
 
 void DirectSocket::TakeBytes(const char* data, std::size_t size, std::vector<Frame>& frames)

@@ -54,8 +54,8 @@ public:
     std::size_t FramesWaiting() const { return m_frames_waiting; }  // of those given to Write
     std::uint64_t Taken() const { return m_taken; }                 // up to this mark nothing waits
 
-    // more: there may be much more; some: there may be; drained: nothing came.
-    enum class ReadResult { more, some, drained, ended, at_fault };
+    // some: there may be more; drained: nothing came.
+    enum class ReadResult { some, drained, ended, at_fault };
     // Reads once and adds to `frames`, but for those about slots: they are answered, by something
     // that waits to be written. `buffer` is its to use, and worth being kept.
     ReadResult Read(std::vector<char>& buffer, std::vector<Frame>& frames);

@@ -34,9 +34,6 @@ constexpr std::chrono::microseconds BURST_DELAY{50};
 constexpr std::chrono::microseconds FLOOD_DELAY{500};
 constexpr std::size_t BURST_BYTES = 64UL * 1024;
 
-// Others get their turn after so many reads of one partner.
-constexpr int READS_AT_A_TIME = 4;
-
 // Clients that may open a path at a time. The daemon holds 64 descriptors for a connection; when
 // there are more it drops what else is for it, its own answers among that.
 constexpr std::size_t MOST_INVITED = 8;
@@ -92,6 +89,7 @@ FrameError FrameErrorOf(const char* bus_error_name)
 class PelmarEndpoint::Impl::DirectIdle final : public HandlerIdle {
 public:
     explicit DirectIdle(Impl& impl) : m_impl(impl) {}
+    bool IsNeeded() const override { return m_impl.m_has_direct_peers; }
     void Wait() override
     {
         Return();
@@ -292,6 +290,7 @@ void PelmarEndpoint::Impl::StartWriting(const PeerPtr& peer, SocketEnd socket)
     head.type = FrameType::hello;
     WriteFrame(*peer, head, std::make_shared<const Bytes>(EncodeHello(hello)));
     m_direct_peers[peer->partner->number] = peer;
+    m_has_direct_peers = true;
     AfterProgress(peer);
 }
 
@@ -339,7 +338,7 @@ void PelmarEndpoint::Impl::TakeEvents(const DirectPoll::Events& events)
         const PeerPtr peer = found->second;
         // Who reads for an answer waits for the socket: it must not find it empty.
         if (may_read && !peer->has_reader)
-            ReadDirect(peer, READS_AT_A_TIME);
+            ReadDirect(peer);
         if (may_write && peer->socket != nullptr) {
             peer->socket->HasRoom();
             FlushDirect(*peer);
@@ -348,17 +347,17 @@ void PelmarEndpoint::Impl::TakeEvents(const DirectPoll::Events& events)
     });
 }
 
-void PelmarEndpoint::Impl::ReadDirect(const PeerPtr& peer, int reads)
+// Once: what has come is handled, and others get their turn, before there is more.
+void PelmarEndpoint::Impl::ReadDirect(const PeerPtr& peer)
 {
     using ReadResult = DirectSocket::ReadResult;
-    ReadResult result = ReadResult::more;
-    for (int i = 0; result == ReadResult::more && i < reads && !peer->is_paused; ++i) {
-        std::vector<Frame> frames;
-        result = peer->socket->Read(m_read_buffer, frames);
-        for (Frame& frame : frames) {
-            if (!TakeFrame(peer, std::move(frame)))
-                return;
-        }
+    if (peer->is_paused)
+        return;
+    std::vector<Frame> frames;
+    const ReadResult result = peer->socket->Read(m_read_buffer, frames);
+    for (Frame& frame : frames) {
+        if (!TakeFrame(peer, std::move(frame)))
+            return;
     }
     if (result == ReadResult::at_fault)
         DirectPathFailed(peer, peer->socket->Fault());
@@ -430,7 +429,7 @@ void PelmarEndpoint::Impl::ReadUntilAnswered(Lock& lock, const PeerPtr& peer,
         m_direct_poll->WaitFor(socket->Number(), deadline);
         lock.lock();
         if (MayRead(*peer))
-            ReadDirect(peer, READS_AT_A_TIME);
+            ReadDirect(peer);
     }
     peer->has_reader = false;
     if (peer->socket == nullptr)
@@ -757,8 +756,8 @@ void PelmarEndpoint::Impl::DrainDirectPath(const PeerPtr& peer)
         std::exchange(peer->is_drained, true))
         return;
     std::vector<Frame> frames;
-    ReadResult result = ReadResult::more;
-    while (result == ReadResult::more || result == ReadResult::some)
+    ReadResult result = ReadResult::some;
+    while (result == ReadResult::some)
         result = peer->socket->Read(m_read_buffer, frames);
     for (Frame& frame : frames) {
         if (!TakeFrame(peer, std::move(frame)))
@@ -773,6 +772,7 @@ void PelmarEndpoint::Impl::CloseDirectPath(Peer& peer)
         return;
     m_direct_poll->Forget(peer.socket->Number());
     m_direct_peers.erase(peer.partner->number);
+    m_has_direct_peers = !m_direct_peers.empty();
     peer.partner->direct = false;
     peer.socket->Shutdown();
     peer.socket.reset();

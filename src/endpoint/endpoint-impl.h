@@ -330,7 +330,7 @@ private:
     static gboolean cb_Direct(gint descriptor, GIOCondition condition, gpointer user_data);
     void TakeEvents(const DirectPoll::Events& events);
     bool TakeReading(Peer& peer);
-    void ReadDirect(const PeerPtr& peer, int reads);
+    void ReadDirect(const PeerPtr& peer);
     void ReadUntilAnswered(Lock& lock, const PeerPtr& peer, const OpenRequest& request,
                            Deadlines::TimePoint deadline);
     bool MayRead(const Peer& peer) const;
@@ -442,6 +442,7 @@ private:
     std::unique_ptr<HandlerIdle> m_direct_idle;
     SourcePtr m_direct_source;
     std::unordered_map<std::uint64_t, PeerPtr> m_direct_peers;  // by the partner's number
+    std::atomic<bool> m_has_direct_peers{false};
     std::vector<std::uint64_t> m_bursts;   // those of them that are written to soon
     std::vector<std::uint64_t> m_paused;   // those of them that the handlers do not keep up with
     std::set<std::string> m_never_direct;  // whose direct path has failed

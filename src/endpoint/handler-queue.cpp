@@ -74,7 +74,9 @@ void HandlerQueue::RunInThread()
 
 void HandlerQueue::WaitForTasks(std::unique_lock<std::mutex>& lock)
 {
-    if (m_idle == nullptr) {
+    if (m_idle == nullptr || !m_idle->IsNeeded()) {
+        if (m_idle != nullptr)
+            m_idle->Leave();
         m_changed.wait(lock, [this] { return m_closed || !m_tasks.empty(); });
         return;
     }
@@ -141,7 +143,7 @@ void HandlerQueue::Abandon(const std::deque<Task>& tasks) const
 
 void HandlerQueue::TaskIsNearlyOver()
 {
-    if (m_idle == nullptr)
+    if (m_idle == nullptr || !m_idle->IsNeeded())
         return;
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_tasks.empty())

@@ -26,6 +26,8 @@ public:
     HandlerIdle(const HandlerIdle&) = delete;
     HandlerIdle& operator=(const HandlerIdle&) = delete;
 
+    // Whether there is anything but tasks; from any thread. What comes later may be passed over.
+    virtual bool IsNeeded() const = 0;
     // In the queue's thread. Returns when there may be a task; it may post tasks.
     virtual void Wait() = 0;
     // In the queue's thread, which does not come to wait for a while: it runs a task, or ends.

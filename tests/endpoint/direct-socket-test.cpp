@@ -67,7 +67,7 @@ struct End {
         std::vector<Frame> frames;
         do
             last = socket.Read(buffer, frames);
-        while (last == ReadResult::more || last == ReadResult::some);
+        while (last == ReadResult::some);
         for (Frame& frame : frames) {
             if (frame.head.type != FrameType::hello)
                 came.push_back(std::move(frame));
