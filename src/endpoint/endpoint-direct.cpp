@@ -225,11 +225,11 @@ void PelmarEndpoint::Impl::OpenDirectPath(const PeerPtr& peer)
 }
 
 // The answer is the last that the service sends by the bus, and the call of Switch the last that
-// the client does.
+// the client does: also while it stops.
 void PelmarEndpoint::Impl::DirectPathAnswered(const PeerPtr& peer, SocketEnd socket,
                                               GDBusMessage* answer)
 {
-    if (peer->gone || m_stopped || bus_message::Number(answer) != DIRECT_VERSION) {
+    if (peer->gone || bus_message::Number(answer) != DIRECT_VERSION) {
         PELMAR_DEBUG("Partner %s stays on the bus\n\n", PELMAR_AT(__func__), peer->Name().c_str());
         return;
     }
@@ -436,7 +436,7 @@ void PelmarEndpoint::Impl::ReadUntilAnswered(Lock& lock, const PeerPtr& peer,
         return;
     WatchDirect(*peer);
     for (const RequestPtr& other : peer->requests) {
-        if (!other->done && !other->over) {
+        if (other->is_waited_for && !other->over) {
             other->told.notify_all();
             return;
         }

@@ -527,7 +527,8 @@ struct PelmarEndpoint::Impl::OpenRequest : OutgoingBody {
     Response TakeResponse();
 
     std::weak_ptr<Peer> peer;
-    std::function<void(Response)> done;  // empty: a thread waits for it
+    std::function<void(Response)> done;  // in the handlers' thread once it is over
+    bool is_waited_for = false;          // by a thread
     mutable std::condition_variable told;
     Deadlines::Id deadline = 0;
     bool sent = false;

@@ -491,6 +491,7 @@ PelmarEndpoint::Response PelmarEndpoint::Impl::Request(const Partner& partner, B
     const RequestPtr request = OpenNewRequest(partner, std::move(data), status);
     if (status != Status::ok)
         return {status, {}, ToString(status)};
+    request->is_waited_for = true;
     const PeerPtr peer = request->peer.lock();
     const bool is_reader = TakeReading(*peer);
     Pump(peer);
@@ -562,10 +563,10 @@ void PelmarEndpoint::Impl::Finish(const RequestPtr& request, Outcome outcome)
         request->body.reset();
         AfterProgress(peer);
     }
-    if (request->done)
-        Post(std::make_unique<DoneTask>(request));
-    else
+    if (request->is_waited_for)
         request->told.notify_all();
+    else
+        Post(std::make_unique<DoneTask>(request));
 }
 
 // They can get no answer any more.

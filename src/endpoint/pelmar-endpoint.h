@@ -299,11 +299,13 @@ public:
     /// Off the channel: no handler runs when it returns, and queued messages are not handed to
     /// handlers any more (their senders are told). Waiting calls of other threads return
     /// Status::stopped, as do all later ones; `done` of requests that are open is told the same,
-    /// by the thread that calls Stop. What was sent before gets `flush` to leave. Bounded by
-    /// `flush` and the handler that runs, whatever bus, daemon and partners do. The partners are
-    /// told lost, also when this process lives on. False inside a handler, a `done` or the executor
-    /// of this endpoint, and nothing happens. May be called more than once; of calls at the same
-    /// time the shortest `flush` counts, and each returns at the end.
+    /// by the thread that calls Stop. What was sent before gets `flush` to leave: past the bus
+    /// until the partners' sockets have taken it, on the bus until the partners have dealt with so
+    /// much that the rest is under way. Whether all of it left is not told; who has to know sends a
+    /// Request. Bounded by `flush` and the handler that runs, whatever bus, daemon and partners do.
+    /// The partners are told lost, also when this process lives on. False inside a handler, a
+    /// `done` or the executor of this endpoint, and nothing happens. May be called more than once;
+    /// of calls at the same time the shortest `flush` counts, and each returns at the end.
     bool Stop(std::chrono::milliseconds flush = std::chrono::seconds(1));
 
     bool IsOnBus() const;

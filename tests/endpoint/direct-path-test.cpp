@@ -12,6 +12,7 @@
 #include <atomic>
 #include <ctime>
 #include <fstream>
+#include <future>
 
 #include "bus-monitor.h"
 #include "captured-log.h"
@@ -886,6 +887,102 @@ TEST_F(AService, IsNotMovedByAPathThatNobodyReadsFrom)
     End client(Role::client);
     client.endpoint.Start();
     EXPECT_EQ(Status::ok, client.endpoint.Request(client.AwaitPartner(), {}, seconds(10)).status);
+}
+
+// ---- A client and a service that is played --------------------------------------------------
+
+// The service gets no call of Open, and no question after the first such call: the test has them.
+class AClient : public EndpointTest {
+protected:
+    ~AClient() override
+    {
+        if (m_open != nullptr)
+            g_object_unref(m_open);
+    }
+    void HoldCallsOf(const BusActor& service)
+    {
+        g_dbus_connection_add_filter(service.Connection(), cb_Hold, this, nullptr);
+    }
+    static GDBusMessage* cb_Hold(GDBusConnection* /*connection*/, GDBusMessage* message,
+                                 gboolean incoming, gpointer user_data)
+    {
+        auto& test = *static_cast<AClient*>(user_data);
+        const std::string member =
+            incoming != FALSE && g_dbus_message_get_member(message) != nullptr
+                ? g_dbus_message_get_member(message)
+                : "";
+        if (member == "Open") {
+            test.m_open = message;
+            test.m_is_opening = true;
+            WakeTest();
+            return nullptr;
+        }
+        if (member == "GetAll" && test.m_is_opening) {
+            g_object_unref(message);
+            return nullptr;
+        }
+        return message;
+    }
+    // Its end of the path.
+    Descriptor TakePath(const BusActor& service)
+    {
+        GUnixFDList* list = g_dbus_message_get_unix_fd_list(m_open);
+        Descriptor socket(g_unix_fd_list_get(list, 0, nullptr));
+        GDBusMessage* answer = g_dbus_message_new_method_reply(m_open);
+        g_dbus_message_set_body(answer, g_variant_new("(u)", 1U));
+        g_dbus_connection_send_message(service.Connection(), answer, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                       nullptr, nullptr);
+        g_object_unref(answer);
+        return socket;
+    }
+    // All that comes, up to the end.
+    static std::vector<FrameType> TypesOfFrames(const Descriptor& socket)
+    {
+        FrameReader reader(64 * MIB);
+        std::vector<Frame> frames;
+        Bytes buffer(65536);
+        pollfd polled = {socket.Number(), POLLIN, 0};
+        while (poll(&polled, 1, 30000) == 1) {
+            const ssize_t size = recv(socket.Number(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+            if (size == 0)
+                break;
+            if (size > 0)
+                reader.Take(buffer.data(), static_cast<std::size_t>(size), frames);
+        }
+        std::vector<FrameType> types;
+        for (const Frame& frame : frames)
+            types.push_back(frame.head.type);
+        return types;
+    }
+
+    std::atomic<bool> m_is_opening{false};
+    GDBusMessage* m_open = nullptr;
+};
+
+TEST_F(AClient, FinishesASwitchOverThatIsUnderWayWhenItIsStopped)
+{
+    constexpr std::size_t MESSAGES = 20;
+    BusActor service(m_bus);
+    service.Listen(CHANNEL);
+    HoldCallsOf(service);
+    Start(Role::client);
+    MakeReady(service);
+    IterateUntil([&] { return m_is_opening.load(); }, "the call of Open");
+    for (std::size_t i = 0; i < MESSAGES; ++i)
+        EXPECT_EQ(Status::ok, m_endpoint->Notify(PartnerOf(service), Bytes(100000)));
+    auto stop = std::async(std::launch::async, [&] { return m_endpoint->Stop(seconds(60)); });
+    IterateUntil([&] { return m_endpoint->Partners().empty(); }, "the beginning of Stop");
+    const Descriptor socket = TakePath(service);
+    const std::vector<FrameType> types = TypesOfFrames(socket);
+    EXPECT_TRUE(stop.get());
+    ASSERT_THAT(types, testing::Not(IsEmpty()));
+    EXPECT_EQ(FrameType::hello, types.front());
+    EXPECT_EQ(FrameType::bye, types.back());
+    const auto past_bus =
+        static_cast<std::size_t>(std::count(types.begin(), types.end(), FrameType::notify));
+    EXPECT_LT(0U, past_bus);
+    IterateUntil([&] { return service.Heard().size() + past_bus == MESSAGES; },
+                 "all that was sent");
 }
 
 }  // namespace
