@@ -5,6 +5,8 @@
 #include <csignal>
 #include <fstream>
 #include <future>
+#include <map>
+#include <set>
 #include <unordered_set>
 
 #include "captured-log.h"
@@ -84,6 +86,7 @@ TEST_F(AStartedEndpoint, HasThreadsWithNamesThatLeaveTheSignalsToTheApplication)
     IterateUntil(
         [&] {
             blocked = SignalsBlockedBy({"pelmar-io", "pelmar-handler"});
+            WakeTest();
             return blocked.size() == 2;
         },
         "both threads");
