@@ -98,8 +98,8 @@ std::vector<Target> ChannelTargets(const json& results)
     list.Send("channel", "sdbus-c++", large, Relation::below, 1);
     list.Send("channel", "gdbus-copy", large, Relation::below, 1);
     list.Send("channel", "sd-bus", large, Relation::at_most, 1.05);
-    list.Send("endpoint", "channel", small, Relation::at_most, 1.10);
-    list.Send("endpoint", "channel", large, Relation::at_most, 1.10);
+    list.Send("endpoint", "channel", small, Relation::at_most, 1.05);
+    list.Send("endpoint", "channel", large, Relation::at_most, 1.05);
 
     const auto notifications = [&](const std::vector<std::string>& path) {
         std::vector<std::string> whole = {"notifications"};
