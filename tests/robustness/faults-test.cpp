@@ -188,12 +188,13 @@ public:
         ReplaceEnded();
     }
 
-    // As an application does it: a request that fails is tried again.
+    // As an application does it: after a request that failed another is tried. Of the first one
+    // nobody knows whether it arrived.
     void ExpectWorking()
     {
-        const std::string payload = NewPayload();
         bool answered = false;
         while (!answered) {
+            const std::string payload = NewPayload();
             AwaitReady();
             const std::size_t failures = m_client->All("error").size();
             Send(payload);
