@@ -230,13 +230,14 @@ void DirectSocket::PopFirst()
 DirectSocket::ReadResult DirectSocket::Read(std::vector<char>& buffer, std::vector<Frame>& frames)
 {
     buffer.resize(READ_SIZE);
-    const ssize_t size = Receive(buffer);
-    if (size == 0)
-        return ReadResult::ended;
-    if (size < 0)
+    Received received = Receive(m_socket.Number(), buffer.data(), buffer.size());
+    if (received.size < 0)
         return errno == EAGAIN || errno == EINTR ? ReadResult::drained : ReadResult::ended;
+    TakeMemory(received);
+    if (received.size == 0)
+        return ReadResult::ended;
     try {
-        TakeBytes(buffer.data(), static_cast<std::size_t>(size), frames);
+        TakeBytes(buffer.data(), static_cast<std::size_t>(received.size), frames);
     } catch (const std::bad_alloc&) {
         Fail("there is no memory for what it sends");
     }
@@ -259,29 +260,16 @@ void DirectSocket::TakeBytes(const char* data, std::size_t size, std::vector<Fra
     }
 }
 
-ssize_t DirectSocket::Receive(std::vector<char>& buffer)
+// One at a time.
+void DirectSocket::TakeMemory(Received& received)
 {
-    iovec part = {buffer.data(), buffer.size()};
-    ControlRoom room;
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    room.Prepare(message);
-    const ssize_t size = recvmsg(m_socket.Number(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-    if (size >= 0)
-        TakeMemory(ControlRoom::Take(message), (message.msg_flags & MSG_CTRUNC) != 0);
-    return size;
-}
-
-// One at a time. `is_short`: this process had no room for all.
-void DirectSocket::TakeMemory(std::vector<ForeignDescriptor> came, bool is_short)
-{
-    if (came.empty() && !is_short)
+    std::vector<ForeignDescriptor>& came = received.descriptors;
+    if (came.empty() && !received.is_short)
         return;
     const bool had_one = m_memory.IsOpen() || m_memory_missed;
-    if (had_one || came.size() > 1 || (is_short && !came.empty()))
+    if (had_one || came.size() > 1 || (received.is_short && !came.empty()))
         Fail("more descriptors than slots");
-    else if (is_short)
+    else if (received.is_short)
         m_memory_missed = true;
     else
         m_memory = std::move(came.front());

@@ -92,8 +92,7 @@ private:
     void Written(std::size_t size);
     void PopFirst();
     void TakeBytes(const char* data, std::size_t size, std::vector<Frame>& frames);
-    ssize_t Receive(std::vector<char>& buffer);
-    void TakeMemory(std::vector<ForeignDescriptor> came, bool is_short);
+    void TakeMemory(Received& received);
     bool TakeIn(Frame& frame);
     bool TakeSlot(const Frame& frame);
     bool CopyOut(Frame& frame);

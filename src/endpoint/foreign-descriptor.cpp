@@ -1,8 +1,10 @@
 #include "foreign-descriptor.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
 #include <mutex>
 #include <system_error>
@@ -15,6 +17,9 @@ namespace {
 // Much more than a socket's buffer is not read to empty it.
 constexpr int MOST_READS = 1024;
 constexpr std::size_t READ_SIZE = 16UL * 1024;
+
+// The kernel lets no more come with one message.
+constexpr std::size_t MOST_DESCRIPTORS = 253;
 
 bool IsMemory(int descriptor)
 {
@@ -73,18 +78,26 @@ Closer& TheCloser()
 bool ReadRest(int socket)
 {
     std::array<char, READ_SIZE> buffer;
-    ControlRoom room;
     for (int i = 0; i < MOST_READS; ++i) {
-        iovec part = {buffer.data(), buffer.size()};
-        msghdr message{};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        room.Prepare(message);
-        if (recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC) <= 0)
+        if (Receive(socket, buffer.data(), buffer.size()).size <= 0)
             return true;
-        ControlRoom::Take(message);
     }
     return false;
+}
+
+std::vector<ForeignDescriptor> DescriptorsOf(const msghdr& message)
+{
+    std::vector<ForeignDescriptor> came;
+    const cmsghdr* header = CMSG_FIRSTHDR(&message);
+    if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS)
+        return came;
+    const std::size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (std::size_t i = 0; i < count; ++i) {
+        int number = -1;
+        std::memcpy(&number, CMSG_DATA(header) + i * sizeof number, sizeof number);
+        came.emplace_back(number);
+    }
+    return came;
 }
 
 }  // namespace
@@ -106,23 +119,17 @@ void CloseSocketEnd(int descriptor)
         TheCloser().Add(descriptor);
 }
 
-void ControlRoom::Prepare(msghdr& message)
+Received Receive(int socket, char* buffer, std::size_t size)
 {
-    message.msg_control = m_bytes.data();
-    message.msg_controllen = m_bytes.size();
-}
-
-std::vector<ForeignDescriptor> ControlRoom::Take(const msghdr& message)
-{
-    std::vector<ForeignDescriptor> came;
-    const cmsghdr* header = CMSG_FIRSTHDR(&message);
-    if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS)
-        return came;
-    const std::size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-    for (std::size_t i = 0; i < count; ++i) {
-        int number = -1;
-        std::memcpy(&number, CMSG_DATA(header) + i * sizeof number, sizeof number);
-        came.emplace_back(number);
-    }
-    return came;
+    iovec part = {buffer, size};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(MOST_DESCRIPTORS * sizeof(int))> control;
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    const ssize_t received = recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    if (received < 0)
+        return {received, {}, false};
+    return {received, DescriptorsOf(message), (message.msg_flags & MSG_CTRUNC) != 0};
 }

@@ -6,9 +6,9 @@
 #ifndef PELMAR_FOREIGN_DESCRIPTOR_H
 #define PELMAR_FOREIGN_DESCRIPTOR_H
 
-#include <sys/socket.h>
+#include <sys/types.h>
 
-#include <array>
+#include <cstddef>
 #include <vector>
 
 #include "descriptor.h"
@@ -22,18 +22,13 @@ using ForeignDescriptor = OwnedDescriptor<CloseElsewhere>;
 void CloseSocketEnd(int descriptor);
 using SocketEnd = OwnedDescriptor<CloseSocketEnd>;
 
-// Room for all descriptors that can come with one message: the kernel closes what there is no room
-// for, in the thread that reads.
-class ControlRoom {
-public:
-    // For the next recvmsg.
-    void Prepare(msghdr& message);
-    // What came with it.
-    static std::vector<ForeignDescriptor> Take(const msghdr& message);
-
-private:
-    static constexpr std::size_t MOST = 253;
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(MOST * sizeof(int))> m_bytes;
+// What a socket has, without waiting, and all descriptors that came with it: the kernel closes what
+// there is no room for, in the thread that reads.
+struct Received {
+    ssize_t size;  // as recvmsg returns it, and errno with it
+    std::vector<ForeignDescriptor> descriptors;
+    bool is_short;  // this process had no room for more of them
 };
+Received Receive(int socket, char* buffer, std::size_t size);
 
 #endif

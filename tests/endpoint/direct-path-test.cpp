@@ -21,6 +21,7 @@
 #include "endpoint-fixture.h"
 #include "endpoint-process.h"
 #include "frame-bytes.h"
+#include "passed-descriptors.h"
 #include "process-memory.h"
 #include "process-resources.h"
 
@@ -799,21 +800,7 @@ TEST_F(AService, EndsThePathOfWhomPassesItADescriptor)
     BusActor actor(m_bus);
     const SocketEnd socket = OpenPath(actor);
     Write(socket, Greeting());
-    Bytes bytes = FrameOf(FrameType::notify, 0, {});
-    iovec part = {bytes.data(), bytes.size()};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    cmsghdr* header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof(int));
-    const int passed = STDERR_FILENO;
-    std::copy_n(reinterpret_cast<const unsigned char*>(&passed), sizeof passed, CMSG_DATA(header));
-    ASSERT_GT(sendmsg(socket.Number(), &message, MSG_NOSIGNAL), 0);
+    ASSERT_GT(SendWith(socket.Number(), FrameOf(FrameType::notify, 0, {}), {STDERR_FILENO}), 0);
     ExpectFailure(actor, "descriptor");
 }
 

@@ -14,6 +14,7 @@
 #include "direct-socket.h"
 #include "frame-bytes.h"
 #include "lingering-socket.h"
+#include "passed-descriptors.h"
 #include "process-resources.h"
 
 namespace {
@@ -326,23 +327,8 @@ protected:
 
     void Send(const Bytes& bytes, const std::vector<int>& descriptors = {})
     {
-        iovec part = {const_cast<char*>(bytes.data()), bytes.size()};
-        alignas(cmsghdr) std::array<char, CMSG_SPACE(3 * sizeof(int))> control{};
-        msghdr message{};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        if (!descriptors.empty()) {
-            message.msg_control = control.data();
-            message.msg_controllen = CMSG_SPACE(descriptors.size() * sizeof(int));
-            cmsghdr* header = CMSG_FIRSTHDR(&message);
-            header->cmsg_level = SOL_SOCKET;
-            header->cmsg_type = SCM_RIGHTS;
-            header->cmsg_len = CMSG_LEN(descriptors.size() * sizeof(int));
-            std::copy_n(reinterpret_cast<const unsigned char*>(descriptors.data()),
-                        descriptors.size() * sizeof(int), CMSG_DATA(header));
-        }
         ASSERT_EQ(static_cast<ssize_t>(bytes.size()),
-                  sendmsg(m_socket.Number(), &message, MSG_NOSIGNAL));
+                  SendWith(m_socket.Number(), bytes, descriptors));
     }
     static Bytes SlotFrame(std::uint16_t number, std::uint64_t capacity)
     {

@@ -6,10 +6,10 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
-#include <cstring>
 #include <utility>
 
 #include "lingering-socket.h"
+#include "passed-descriptors.h"
 
 namespace {
 
@@ -24,24 +24,6 @@ std::pair<int, int> Pair()
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0)
         throw std::runtime_error("no pair of sockets");
     return {ends[0], ends[1]};
-}
-
-void SendDescriptor(int socket, int descriptor)
-{
-    char byte = 0;
-    iovec part = {&byte, 1};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr* header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof(int));
-    std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
-    ASSERT_EQ(1, sendmsg(socket, &message, 0));
 }
 
 TEST(AForeignDescriptor, IsClosedWithoutWaiting)
@@ -85,7 +67,7 @@ TEST(ASocketEnd, DoesNotWaitForWhatCameAndWasNotRead)
 {
     const auto [own, other] = Pair();
     LingeringSocket socket;
-    SendDescriptor(other, socket.Number());
+    ASSERT_EQ(1, SendWith(other, {'x'}, {socket.Number()}));
     close(socket.Release());
     EXPECT_TRUE(LingeringSocket::IsQuick([own = own] { CloseSocketEnd(own); }));
     EXPECT_TRUE(LingeringSocket::IsQuick([&] { socket.AwaitItsEnd(); }));
